@@ -1,0 +1,21 @@
+# VEX_SANITIZE: empty, "address;undefined", "thread", or "coverage".
+set(VEX_SANITIZE "" CACHE STRING "Sanitizers or coverage instrumentation for every target")
+
+foreach(kind IN LISTS VEX_SANITIZE)
+  if(kind STREQUAL "address")
+    add_compile_options(-fsanitize=address -fno-omit-frame-pointer)
+    add_link_options(-fsanitize=address)
+  elseif(kind STREQUAL "undefined")
+    add_compile_options(-fsanitize=undefined -fno-sanitize-recover=undefined
+                        -fno-omit-frame-pointer)
+    add_link_options(-fsanitize=undefined)
+  elseif(kind STREQUAL "thread")
+    add_compile_options(-fsanitize=thread)
+    add_link_options(-fsanitize=thread)
+  elseif(kind STREQUAL "coverage")
+    add_compile_options(--coverage -O0)
+    add_link_options(--coverage)
+  else()
+    message(FATAL_ERROR "unknown VEX_SANITIZE entry: ${kind}")
+  endif()
+endforeach()

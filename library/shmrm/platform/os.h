@@ -1,0 +1,91 @@
+// The operating-system services vexshmrm and its stand-in libraries need, behind one interface.
+// posix/ and win32/ implement it; no other code knows which system it runs on.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+
+namespace vex::os {
+
+using Handle = void*;
+
+// Error numbers that callers test for; every other failure reports the system's own number.
+inline constexpr unsigned kErrorFileNotFound = 2;
+inline constexpr unsigned kErrorAlreadyExists = 183;
+
+// Results of wait_mutex.
+inline constexpr unsigned kWaitObject0 = 0;
+inline constexpr unsigned kWaitAbandoned = 0x80;
+inline constexpr unsigned kWaitTimeout = 258;
+inline constexpr unsigned kWaitFailed = 0xFFFFFFFFu;
+inline constexpr unsigned kInfinite = 0xFFFFFFFFu;
+
+// The calling thread's last error, as every call below leaves it.
+unsigned last_error();
+void set_last_error(unsigned error);
+
+// A named, memory-backed mapping that lives exactly while some process holds a handle to it or
+// a view of it; a process that dies releases what it held. After a successful create the last
+// error is kErrorAlreadyExists exactly when the mapping existed before the call (its size is
+// then the existing one). open fails with kErrorFileNotFound when no process holds the mapping.
+Handle create_named_mapping(std::uint64_t size, const char* name);
+Handle open_named_mapping(const char* name);
+// Maps the whole mapping read-write; *mapped receives its length.
+void* map_view(Handle mapping, std::size_t* mapped);
+bool unmap_view(void* view);
+
+// A named, recursive mutex owned by a thread, shared by every process. When its owner thread
+// or process ends while holding it, the next waiter gets it with kWaitAbandoned.
+Handle create_named_mutex(const char* name);
+unsigned wait_mutex(Handle mutex, unsigned timeout_ms);
+bool release_mutex(Handle mutex);
+
+// Closes a mapping or mutex handle.
+bool close_handle(Handle handle);
+
+// A process-local recursive lock with an explicit lifetime (it may be used from static
+// constructors and destructors, in any order).
+class LocalLock {
+  public:
+    void init();
+    void destroy();
+    void enter();
+    void leave();
+
+  private:
+    alignas(16) unsigned char storage_[64] = {};
+};
+
+void sleep_ms(unsigned ms);
+// Milliseconds since the system started, cut to 32 bits.
+unsigned tick_count();
+unsigned long process_id();
+unsigned long thread_id();
+
+// Files, for the stand-in libraries.
+bool is_directory(const char* path);
+bool make_directory(const char* path);  // true when it exists afterwards
+char path_separator();
+
+// An append-only file shared by the processes of the node, written a whole line at a time.
+// The lock is process-shared and advisory; it is released when the holder dies.
+struct AppendFile {
+    std::intptr_t fd = -1;
+};
+bool append_open(AppendFile* file, const char* path);
+void append_close(AppendFile* file);
+bool append_write(AppendFile* file, const void* data, std::size_t len);
+std::int64_t append_size(AppendFile* file);  // -1 on failure
+bool append_is_current(AppendFile* file,
+                       const char* path);  // false once the path names another file
+bool file_lock(AppendFile* file);          // exclusive, blocking
+void file_unlock(AppendFile* file);
+bool rename_replace(const char* from, const char* to);
+
+// Local time of day for log stamps.
+struct LocalTime {
+    int year, month, day, hour, minute, second, millisecond;
+};
+LocalTime local_time();
+
+}  // namespace vex::os

@@ -1,0 +1,505 @@
+// POSIX named mappings and mutexes with the lifetime and ownership rules of os.h.
+//
+// A named mapping is a POSIX shared-memory object. Every handle and every view holds an open
+// file description of it with a shared record lock (OFD lock) on it; the kernel drops such a
+// lock when the description is closed, also when its process dies. Whether anyone still holds
+// the mapping is therefore the question whether an exclusive lock could be taken. Create, open
+// and release ask it under a guard (an flock on a companion object), so that they never race:
+// an object nobody holds is stale, and is replaced (create) or removed (open, last release).
+//
+// A named mutex is a robust, recursive, process-shared pthread mutex in its own shared-memory
+// object, initialised once under an flock; an owner that dies hands it on with EOWNERDEAD.
+#include <fcntl.h>
+#include <pthread.h>
+#include <sys/file.h>
+#include <sys/mman.h>
+#include <sys/stat.h>
+#include <time.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <mutex>
+#include <new>
+
+#include "os.h"
+
+namespace vex::os {
+
+namespace {
+
+thread_local unsigned t_last_error = 0;
+
+constexpr mode_t kObjectMode = 0660;
+constexpr std::size_t kNameMax = 256;
+
+template <typename F>
+int no_eintr(F f) {
+    int r;
+    do {
+        r = f();
+    } while (r == -1 && errno == EINTR);
+    return r;
+}
+
+bool fail(int error) {
+    t_last_error = static_cast<unsigned>(error);
+    return false;
+}
+
+// "/<name>" as POSIX wants shared-memory names; false when the name cannot be used.
+bool shm_name(const char* name, const char* suffix, char (&out)[kNameMax]) {
+    if (name == nullptr || *name == '\0' || std::strchr(name, '/') != nullptr) return fail(EINVAL);
+    int n = std::snprintf(out, sizeof out, "/%s%s", name, suffix);
+    if (n < 0 || static_cast<std::size_t>(n) >= sizeof out) return fail(ENAMETOOLONG);
+    return true;
+}
+
+int shm_open_object(const char* name, int flags) {
+    int fd = no_eintr([&] { return shm_open(name, flags | O_RDWR | O_CLOEXEC, kObjectMode); });
+    if (fd >= 0 && (flags & O_CREAT) != 0) (void)fchmod(fd, kObjectMode);
+    return fd;
+}
+
+// An OFD record lock over the whole object; type F_RDLCK, F_WRLCK or F_UNLCK. Non-blocking.
+bool ofd_lock(int fd, short type) {
+    struct flock fl {};
+    fl.l_type = type;
+    fl.l_whence = SEEK_SET;
+    return no_eintr([&] { return fcntl(fd, F_OFD_SETLK, &fl); }) == 0;
+}
+
+// Serialises create, open and release of one mapping name across processes.
+class Guard {
+  public:
+    explicit Guard(const char* shm) {
+        char name[kNameMax];
+        int n = std::snprintf(name, sizeof name, "%s.guard", shm);
+        if (n < 0 || static_cast<std::size_t>(n) >= sizeof name) {
+            fail(ENAMETOOLONG);
+            return;
+        }
+        fd_ = shm_open_object(name, O_CREAT);
+        if (fd_ < 0) {
+            fail(errno);
+            return;
+        }
+        if (no_eintr([&] { return flock(fd_, LOCK_EX); }) != 0) {
+            fail(errno);
+            close(fd_);
+            fd_ = -1;
+        }
+    }
+    ~Guard() {
+        if (fd_ >= 0) close(fd_);  // closing drops the flock
+    }
+    Guard(const Guard&) = delete;
+    Guard& operator=(const Guard&) = delete;
+    bool ok() const { return fd_ >= 0; }
+
+  private:
+    int fd_ = -1;
+};
+
+// Process-local records behind the opaque handles. Fixed pools: nothing is allocated.
+enum class Kind : unsigned char { kFree, kMapping, kView, kMutex };
+
+struct Entry {
+    Kind kind = Kind::kFree;
+    int fd = -1;  // mapping and view: a description holding the shared lock
+    void* address = nullptr;
+    std::size_t length = 0;
+    char shm[kNameMax] = {};
+};
+
+constexpr int kEntries = 64;
+Entry g_entries[kEntries];
+std::mutex g_entries_mutex;
+
+Entry* take_entry(Kind kind) {
+    std::lock_guard lock(g_entries_mutex);
+    for (Entry& e : g_entries) {
+        if (e.kind == Kind::kFree) {
+            e = Entry{};
+            e.kind = kind;
+            return &e;
+        }
+    }
+    fail(EMFILE);
+    return nullptr;
+}
+
+void free_entry(Entry* e) {
+    std::lock_guard lock(g_entries_mutex);
+    *e = Entry{};
+}
+
+Entry* find_entry(const void* handle, Kind kind) {
+    std::lock_guard lock(g_entries_mutex);
+    for (Entry& e : g_entries) {
+        if (&e == handle && e.kind == kind) return &e;
+    }
+    return nullptr;
+}
+
+Entry* find_view(const void* address) {
+    std::lock_guard lock(g_entries_mutex);
+    for (Entry& e : g_entries) {
+        if (e.kind == Kind::kView && e.address == address) return &e;
+    }
+    return nullptr;
+}
+
+// Removes the object when `fd` holds the last lock on it and the name still refers to it.
+// Runs under the guard.
+void unlink_if_last(int fd, const char* shm) {
+    if (!ofd_lock(fd, F_WRLCK)) return;  // someone else holds it; our shared lock stays
+    struct stat mine {
+    }, named{};
+    int other = shm_open_object(shm, 0);
+    if (other >= 0) {
+        if (fstat(fd, &mine) == 0 && fstat(other, &named) == 0 && mine.st_ino == named.st_ino &&
+            mine.st_dev == named.st_dev) {
+            shm_unlink(shm);
+        }
+        close(other);
+    }
+}
+
+// Closes a mapping or view description, removing the object when it was the last holder.
+void release_description(Entry* e) {
+    {
+        Guard guard(e->shm);
+        if (guard.ok()) unlink_if_last(e->fd, e->shm);
+        close(e->fd);
+    }
+    free_entry(e);
+}
+
+struct SharedMutex {
+    std::atomic<std::uint32_t> magic;
+    pthread_mutex_t mutex;
+};
+constexpr std::uint32_t kMutexMagic = 0x5645584d;  // "VEXM"
+
+}  // namespace
+
+unsigned last_error() {
+    return t_last_error;
+}
+void set_last_error(unsigned error) {
+    t_last_error = error;
+}
+
+Handle create_named_mapping(std::uint64_t size, const char* name) {
+    char shm[kNameMax];
+    if (!shm_name(name, "", shm)) return nullptr;
+    if (size == 0 || size > static_cast<std::uint64_t>(INT64_MAX)) {
+        fail(EINVAL);
+        return nullptr;
+    }
+    Entry* e = take_entry(Kind::kMapping);
+    if (e == nullptr) return nullptr;
+    std::memcpy(e->shm, shm, sizeof shm);
+
+    Guard guard(shm);
+    if (!guard.ok()) {
+        free_entry(e);
+        return nullptr;
+    }
+    bool existed = false;
+    int fd = shm_open_object(shm, 0);
+    if (fd >= 0) {
+        if (ofd_lock(fd, F_WRLCK)) {
+            // Nobody holds it: what is left of a region whose holders are gone.
+            shm_unlink(shm);
+            close(fd);
+            fd = -1;
+        } else if (ofd_lock(fd, F_RDLCK)) {
+            existed = true;
+        } else {
+            int err = errno;
+            close(fd);
+            free_entry(e);
+            fail(err);
+            return nullptr;
+        }
+    }
+    if (fd < 0) {
+        fd = shm_open_object(shm, O_CREAT | O_EXCL);
+        if (fd < 0 || no_eintr([&] { return ftruncate(fd, static_cast<off_t>(size)); }) != 0 ||
+            !ofd_lock(fd, F_RDLCK)) {
+            int err = errno;
+            if (fd >= 0) {
+                shm_unlink(shm);
+                close(fd);
+            }
+            free_entry(e);
+            fail(err);
+            return nullptr;
+        }
+    }
+    e->fd = fd;
+    t_last_error = existed ? kErrorAlreadyExists : 0;
+    return e;
+}
+
+Handle open_named_mapping(const char* name) {
+    char shm[kNameMax];
+    if (!shm_name(name, "", shm)) return nullptr;
+    Entry* e = take_entry(Kind::kMapping);
+    if (e == nullptr) return nullptr;
+    std::memcpy(e->shm, shm, sizeof shm);
+
+    Guard guard(shm);
+    if (!guard.ok()) {
+        free_entry(e);
+        return nullptr;
+    }
+    int fd = shm_open_object(shm, 0);
+    if (fd < 0) {
+        int err = errno;
+        free_entry(e);
+        fail(err == ENOENT ? static_cast<int>(kErrorFileNotFound) : err);
+        return nullptr;
+    }
+    if (ofd_lock(fd, F_WRLCK)) {
+        shm_unlink(shm);  // stale: no process holds it, so it does not exist
+        close(fd);
+        free_entry(e);
+        fail(static_cast<int>(kErrorFileNotFound));
+        return nullptr;
+    }
+    if (!ofd_lock(fd, F_RDLCK)) {
+        int err = errno;
+        close(fd);
+        free_entry(e);
+        fail(err);
+        return nullptr;
+    }
+    e->fd = fd;
+    t_last_error = 0;
+    return e;
+}
+
+void* map_view(Handle mapping, std::size_t* mapped) {
+    Entry* m = find_entry(mapping, Kind::kMapping);
+    if (m == nullptr) {
+        fail(EBADF);
+        return nullptr;
+    }
+    struct stat st {};
+    if (fstat(m->fd, &st) != 0) {
+        fail(errno);
+        return nullptr;
+    }
+    // The view holds the mapping on its own, through a description of its own.
+    char self[64];
+    std::snprintf(self, sizeof self, "/proc/self/fd/%d", m->fd);
+    int fd = no_eintr([&] { return open(self, O_RDWR | O_CLOEXEC); });
+    if (fd < 0) {
+        fail(errno);
+        return nullptr;
+    }
+    if (!ofd_lock(fd, F_RDLCK)) {
+        int err = errno;
+        close(fd);
+        fail(err);
+        return nullptr;
+    }
+    auto length = static_cast<std::size_t>(st.st_size);
+    void* address = mmap(nullptr, length, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
+    if (address == MAP_FAILED) {
+        int err = errno;
+        close(fd);
+        fail(err);
+        return nullptr;
+    }
+    Entry* v = take_entry(Kind::kView);
+    if (v == nullptr) {
+        munmap(address, length);
+        close(fd);
+        return nullptr;
+    }
+    v->fd = fd;
+    v->address = address;
+    v->length = length;
+    std::memcpy(v->shm, m->shm, sizeof v->shm);
+    if (mapped != nullptr) *mapped = length;
+    t_last_error = 0;
+    return address;
+}
+
+bool unmap_view(void* view) {
+    Entry* v = find_view(view);
+    if (v == nullptr) return fail(EINVAL);
+    munmap(v->address, v->length);
+    release_description(v);
+    return true;
+}
+
+Handle create_named_mutex(const char* name) {
+    char shm[kNameMax];
+    if (!shm_name(name, "", shm)) return nullptr;
+    int fd = shm_open_object(shm, O_CREAT);
+    if (fd < 0) {
+        fail(errno);
+        return nullptr;
+    }
+    void* address = MAP_FAILED;
+    bool ok = no_eintr([&] { return flock(fd, LOCK_EX); }) == 0;
+    if (ok) {
+        struct stat st {};
+        ok = fstat(fd, &st) == 0 &&
+             (static_cast<std::size_t>(st.st_size) >= sizeof(SharedMutex) ||
+              no_eintr([&] { return ftruncate(fd, sizeof(SharedMutex)); }) == 0);
+    }
+    if (ok) {
+        address = mmap(nullptr, sizeof(SharedMutex), PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
+        ok = address != MAP_FAILED;
+    }
+    if (ok) {
+        auto* shared = static_cast<SharedMutex*>(address);
+        if (shared->magic.load(std::memory_order_acquire) != kMutexMagic) {
+            // First use, or a process died while setting it up: (re)initialise under the flock.
+            pthread_mutexattr_t attr;
+            pthread_mutexattr_init(&attr);
+            pthread_mutexattr_setpshared(&attr, PTHREAD_PROCESS_SHARED);
+            pthread_mutexattr_setrobust(&attr, PTHREAD_MUTEX_ROBUST);
+            pthread_mutexattr_settype(&attr, PTHREAD_MUTEX_RECURSIVE);
+            int r = pthread_mutex_init(&shared->mutex, &attr);
+            pthread_mutexattr_destroy(&attr);
+            if (r == 0) {
+                shared->magic.store(kMutexMagic, std::memory_order_release);
+            } else {
+                errno = r;
+                ok = false;
+            }
+        }
+    }
+    int err = errno;
+    // The mapping keeps the open file description alive, so the flock must be dropped by hand.
+    flock(fd, LOCK_UN);
+    close(fd);
+    if (!ok) {
+        if (address != MAP_FAILED) munmap(address, sizeof(SharedMutex));
+        fail(err);
+        return nullptr;
+    }
+    Entry* e = take_entry(Kind::kMutex);
+    if (e == nullptr) {
+        munmap(address, sizeof(SharedMutex));
+        return nullptr;
+    }
+    e->address = address;
+    e->length = sizeof(SharedMutex);
+    t_last_error = 0;
+    return e;
+}
+
+unsigned wait_mutex(Handle mutex, unsigned timeout_ms) {
+    Entry* e = find_entry(mutex, Kind::kMutex);
+    if (e == nullptr) {
+        fail(EBADF);
+        return kWaitFailed;
+    }
+    pthread_mutex_t* m = &static_cast<SharedMutex*>(e->address)->mutex;
+    int r;
+    if (timeout_ms == 0) {
+        r = pthread_mutex_trylock(m);
+    } else if (timeout_ms == kInfinite) {
+        r = pthread_mutex_lock(m);
+    } else {
+        timespec deadline{};
+        clock_gettime(CLOCK_MONOTONIC, &deadline);
+        deadline.tv_sec += static_cast<time_t>(timeout_ms / 1000);
+        deadline.tv_nsec += static_cast<long>(timeout_ms % 1000) * 1000000L;
+        if (deadline.tv_nsec >= 1000000000L) {
+            deadline.tv_sec += 1;
+            deadline.tv_nsec -= 1000000000L;
+        }
+        do {
+            r = pthread_mutex_clocklock(m, CLOCK_MONOTONIC, &deadline);
+        } while (r == EINTR);
+    }
+    switch (r) {
+        case 0:
+            t_last_error = 0;
+            return kWaitObject0;
+        case EOWNERDEAD:
+            pthread_mutex_consistent(m);
+            t_last_error = 0;
+            return kWaitAbandoned;
+        case EBUSY:
+        case ETIMEDOUT:
+            t_last_error = static_cast<unsigned>(r);
+            return kWaitTimeout;
+        default:
+            fail(r);
+            return kWaitFailed;
+    }
+}
+
+bool release_mutex(Handle mutex) {
+    Entry* e = find_entry(mutex, Kind::kMutex);
+    if (e == nullptr) return fail(EBADF);
+    int r = pthread_mutex_unlock(&static_cast<SharedMutex*>(e->address)->mutex);
+    return r == 0 || fail(r);
+}
+
+bool close_handle(Handle handle) {
+    if (Entry* e = find_entry(handle, Kind::kMapping)) {
+        release_description(e);
+        return true;
+    }
+    if (Entry* e = find_entry(handle, Kind::kMutex)) {
+        munmap(e->address, e->length);
+        free_entry(e);
+        return true;
+    }
+    return fail(EBADF);
+}
+
+void LocalLock::init() {
+    static_assert(sizeof(storage_) >= sizeof(pthread_mutex_t));
+    pthread_mutexattr_t attr;
+    pthread_mutexattr_init(&attr);
+    pthread_mutexattr_settype(&attr, PTHREAD_MUTEX_RECURSIVE);
+    pthread_mutex_init(new (storage_) pthread_mutex_t, &attr);
+    pthread_mutexattr_destroy(&attr);
+}
+
+void LocalLock::destroy() {
+    pthread_mutex_destroy(std::launder(reinterpret_cast<pthread_mutex_t*>(storage_)));
+}
+void LocalLock::enter() {
+    pthread_mutex_lock(std::launder(reinterpret_cast<pthread_mutex_t*>(storage_)));
+}
+void LocalLock::leave() {
+    pthread_mutex_unlock(std::launder(reinterpret_cast<pthread_mutex_t*>(storage_)));
+}
+
+void sleep_ms(unsigned ms) {
+    timespec ts{static_cast<time_t>(ms / 1000), static_cast<long>(ms % 1000) * 1000000L};
+    while (nanosleep(&ts, &ts) != 0 && errno == EINTR) {
+    }
+}
+
+unsigned tick_count() {
+    timespec ts{};
+    clock_gettime(CLOCK_BOOTTIME, &ts);
+    auto ms = static_cast<std::uint64_t>(ts.tv_sec) * 1000u +
+              static_cast<std::uint64_t>(ts.tv_nsec) / 1000000u;
+    return static_cast<unsigned>(ms);
+}
+
+unsigned long process_id() {
+    return static_cast<unsigned long>(getpid());
+}
+unsigned long thread_id() {
+    return static_cast<unsigned long>(gettid());
+}
+
+}  // namespace vex::os

@@ -1,0 +1,285 @@
+// The region lifecycle: create, attach, detach, delete, clear, and the capacity loader.
+#include <cstdint>
+#include <cstring>
+
+#include "shmrm_internal.h"
+#include "vexxml.h"
+
+namespace shmrm {
+
+namespace {
+
+constexpr int kAttempts = 5;
+constexpr unsigned kAttemptPause = 1000;  // ms
+constexpr std::int64_t kRegionLimit = std::int64_t{1} << 31;
+
+struct Capacities {
+    int grpmax = 0;
+    int rscmax = 0;
+    int monmax = 0;
+};
+
+// Region bytes for these capacities, or -1 when they are not usable (below 1, or a region of
+// 2 GiB or more).
+std::int64_t region_bytes(const Capacities& c) {
+    if (c.grpmax < 1 || c.rscmax < 1 || c.monmax < 1) return -1;
+    const std::int64_t record = SHMRM_GRP_HEAD_SIZE + std::int64_t{c.rscmax} * SHMRM_RSC_SIZE;
+    if (c.grpmax > kRegionLimit / record) return -1;
+    std::int64_t bytes =
+        SHMRM_HEAD_SIZE + c.grpmax * record + std::int64_t{c.monmax} * SHMRM_MON_SIZE;
+    return bytes < kRegionLimit ? bytes : -1;
+}
+
+class InitLock {
+  public:
+    InitLock() { g.init_lock.enter(); }
+    ~InitLock() { g.init_lock.leave(); }
+    InitLock(const InitLock&) = delete;
+    InitLock& operator=(const InitLock&) = delete;
+};
+
+void read_capacity(const Call& call, const char* key, int fallback, int* out) {
+    int len = sizeof(int);
+    int r = imports().xmllib_get_value(key, vex::kXmlTypeInt32, out, &len);
+    if (r != 0) {
+        SHMRM_TRACE(SHMRM_LOG_ERROR, call.tag(), "xmllib_get_value(%s) failed(ret:%d)", key, r);
+        *out = fallback;
+    }
+}
+
+// Reads the table capacities from the policy "all"; 0, or the code its caller reports.
+int loadinfo(Capacities* caps) {
+    Call call("_loadinfo");
+    const Imports& im = imports();
+    char path[1024];
+    if (im.VexutilGetInstallPath(path, static_cast<int>(sizeof path)) == 0) {
+        return call.fail(SHMRM_ERR_INSTALLPATH, "VexutilGetInstallPath() failed.");
+    }
+    int r = im.xmllib_load_policy("all");
+    if (r != 0) {
+        SHMRM_TRACE(SHMRM_LOG_ERROR, call.tag(), "xmllib_load_policy(all) failed(ret:%d)", r);
+        *caps = Capacities{128, 16, 128};
+        return call.exit(SHMRM_OK);
+    }
+    read_capacity(call, "/root/all/num/group", 128, &caps->grpmax);
+    read_capacity(call, "/root/all/num/resource", 16, &caps->rscmax);
+    read_capacity(call, "/root/all/num/monitor", 16, &caps->monmax);
+    if ((r = im.xmllib_unload_policy("all")) != 0)
+        SHMRM_TRACE(SHMRM_LOG_ERROR, call.tag(), "xmllib_unload_policy(all) failed(ret:%d)", r);
+    if ((r = im.xmllib_load_policy("shmrm")) != 0)
+        SHMRM_TRACE(SHMRM_LOG_ERROR, call.tag(), "xmllib_load_policy(shmrm) failed(ret:%d)", r);
+    if ((r = im.xmllib_unload_policy("shmrm")) != 0)
+        SHMRM_TRACE(SHMRM_LOG_ERROR, call.tag(), "xmllib_unload_policy(shmrm) failed(ret:%d)", r);
+    if (region_bytes(*caps) < 0) {
+        SHMRM_TRACE(SHMRM_LOG_ERROR, call.tag(),
+                    "invalid capacities(group:%d, resource:%d, monitor:%d)", caps->grpmax,
+                    caps->rscmax, caps->monmax);
+        return call.exit(SHMRM_ERR_PARAM);
+    }
+    return call.exit(SHMRM_OK);
+}
+
+// Steps shared by create and attach: start the XML library, load the configuration, open the
+// log, load the capacities, release the XML library, size the region. Returns 0 or the result
+// to return; `call` has written its ENTER line once the log is open.
+int prepare(Call& call, Capacities* caps) {
+    const Imports& im = imports();
+    if (im.xmllib_init(kLogName) != 0) return SHMRM_ERR_XMLINIT;
+    if (im.xmllib_load_config(0) != 0) {
+        im.xmllib_term();
+        return SHMRM_ERR_XMLCONFIG;
+    }
+    log_open();
+    call.enter();
+    int r = loadinfo(caps);
+    if (r != 0) {
+        SHMRM_TRACE(SHMRM_LOG_ERROR, call.tag(), "shmrm_loadinfo() failed(ret:%d)", r);
+        call.exit(SHMRM_ERR_LOADINFO);
+        im.xmllib_unload_config();
+        im.xmllib_term();
+        log_close();
+        return SHMRM_ERR_LOADINFO;
+    }
+    if ((r = im.xmllib_unload_config()) != 0)
+        SHMRM_TRACE(SHMRM_LOG_ERROR, call.tag(), "xmllib_unload_config() failed(ret:%d)", r);
+    if ((r = im.xmllib_term()) != 0)
+        SHMRM_TRACE(SHMRM_LOG_ERROR, call.tag(), "xmllib_term() failed(ret:%d)", r);
+    g.region_size.store(static_cast<int>(region_bytes(*caps)), std::memory_order_relaxed);
+    return SHMRM_OK;
+}
+
+// Maps the whole mapping and publishes it; 0, or SHMRM_ERR_MAPVIEW with the handle closed.
+int map_region(const Call& call, void** handle, const Capacities& caps, bool attacher) {
+    const Imports& im = imports();
+    const int size = g.region_size.load(std::memory_order_relaxed);
+    std::size_t mapped = 0;
+    auto* view = static_cast<unsigned char*>(im.map_view(*handle, &mapped));
+    if (view == nullptr) {
+        const int error = static_cast<int>(im.last_error());
+        if (attacher) {
+            SHMRM_TRACE(SHMRM_LOG_ERROR, call.tag(), "MapViewOfFile() failed(errno:%d)", error);
+        } else {
+            SHMRM_TRACE(SHMRM_LOG_ERROR, call.tag(), "MapViewOfFile failed(errno:%d)", error);
+        }
+    } else if (mapped < static_cast<std::size_t>(size)) {
+        // Another process made the region for smaller capacities: using it would reach past
+        // its end.
+        SHMRM_TRACE(SHMRM_LOG_ERROR, call.tag(), "region too small(mapped:%lld, size:%d)",
+                    static_cast<long long>(mapped), size);
+        im.unmap_view(view);
+        view = nullptr;
+    }
+    if (view == nullptr) {
+        call.exit(SHMRM_ERR_MAPVIEW);
+        im.close_handle(*handle);
+        *handle = nullptr;
+        log_close();
+        return SHMRM_ERR_MAPVIEW;
+    }
+    g.layout = Layout{mapped, caps.grpmax, caps.rscmax, caps.monmax};
+    g._prmgrp.store(view + SHMRM_HEAD_SIZE, std::memory_order_relaxed);
+    g._prmmon.store(
+        view + SHMRM_HEAD_SIZE + caps.grpmax * (SHMRM_GRP_HEAD_SIZE + caps.rscmax * SHMRM_RSC_SIZE),
+        std::memory_order_relaxed);
+    g._prmhead.store(view, std::memory_order_release);
+    return SHMRM_OK;
+}
+
+void write_capacities(unsigned char* base, const Capacities& caps) {
+    rmhead* h = head(base);
+    store(h->grpmax, caps.grpmax);
+    store(h->rscmax, caps.rscmax);
+    store(h->monmax, caps.monmax);
+}
+
+// Unmaps the view and closes this process's mapping handles.
+void release_region() {
+    const Imports& im = imports();
+    unsigned char* view = g._prmhead.exchange(nullptr, std::memory_order_acq_rel);
+    g._prmgrp.store(nullptr, std::memory_order_relaxed);
+    g._prmmon.store(nullptr, std::memory_order_relaxed);
+    im.unmap_view(view);
+    for (void** handle : {&g.create_handle, &g.attach_handle}) {
+        if (*handle != nullptr) im.close_handle(*handle);
+        *handle = nullptr;
+    }
+}
+
+}  // namespace
+
+}  // namespace shmrm
+
+using namespace shmrm;
+
+SHMRM_EXPORT int shmrm_create(void) {
+    InitLock lock;
+    Call call("_create", Call::Silent{});
+    if (!g.loaded) return SHMRM_ERR_NOTINIT;
+    if (region() != nullptr) {
+        call.enter();
+        SHMRM_TRACE(SHMRM_LOG_WARNING, call.tag(), "already init");
+        return call.exit(SHMRM_OK);
+    }
+    Capacities caps;
+    if (int r = prepare(call, &caps); r != SHMRM_OK) return r;
+
+    const Imports& im = imports();
+    const int size = g.region_size.load(std::memory_order_relaxed);
+    unsigned error = 0;
+    for (int attempt = 0; attempt < kAttempts; ++attempt) {
+        g.create_handle =
+            im.VexutilCreateNamedFileMapping(-1, 4, 0, static_cast<unsigned>(size), kMapName);
+        error = im.last_error();
+        if (g.create_handle != nullptr) break;
+        SHMRM_TRACE(SHMRM_LOG_ERROR, call.tag(), "VexutilCreateNamedFileMapping failed(errno:%d)",
+                    static_cast<int>(error));
+        im.sleep_ms(kAttemptPause);
+    }
+    if (g.create_handle == nullptr) {
+        SHMRM_TRACE(SHMRM_LOG_ERROR, call.tag(), "VexutilCreateNamedFileMapping failed(errno:%d)",
+                    static_cast<int>(im.last_error()));
+        call.exit(SHMRM_ERR_CREATEMAP);
+        log_close();
+        return SHMRM_ERR_CREATEMAP;
+    }
+    // A new mapping comes from the system zero-filled, so its pages are left untouched; this
+    // also keeps a second creator's capacities from being wiped by the first one.
+    if (error == vex::os::kErrorAlreadyExists) {
+        SHMRM_TRACE(SHMRM_LOG_INFO, call.tag(), "VexutilCreateNamedFileMapping(use)");
+    } else {
+        SHMRM_TRACE(SHMRM_LOG_INFO, call.tag(), "VexutilCreateNamedFileMapping(new)");
+    }
+    if (int r = map_region(call, &g.create_handle, caps, false); r != SHMRM_OK) return r;
+    write_capacities(region(), caps);
+    SHMRM_TRACE(SHMRM_LOG_INFO, call.tag(), "SIZE:%d", size);
+    return call.exit(SHMRM_OK);
+}
+
+SHMRM_EXPORT int shmrm_attach(void) {
+    InitLock lock;
+    Call call("_attach", Call::Silent{});
+    if (!g.loaded) return SHMRM_ERR_NOTINIT;
+    if (region() != nullptr) {
+        call.enter();
+        ++g.attach_count;
+        SHMRM_TRACE(SHMRM_LOG_WARNING, call.tag(), "already init");
+        return call.exit(SHMRM_OK);
+    }
+    Capacities caps;
+    if (int r = prepare(call, &caps); r != SHMRM_OK) return r;
+
+    const Imports& im = imports();
+    g.attach_handle = im.VexutilOpenNamedFileMapping(0xF001F, 1, kMapName);
+    if (g.attach_handle == nullptr) {
+        SHMRM_TRACE(SHMRM_LOG_ERROR, call.tag(), "VexutilOpenNamedFileMapping() failed(errno:%d)",
+                    static_cast<int>(im.last_error()));
+        call.exit(SHMRM_ERR_OPENMAP);
+        log_close();
+        return SHMRM_ERR_OPENMAP;
+    }
+    if (int r = map_region(call, &g.attach_handle, caps, true); r != SHMRM_OK) return r;
+    write_capacities(region(), caps);
+    ++g.attach_count;
+    SHMRM_TRACE(SHMRM_LOG_INFO, call.tag(), "SIZE:%d",
+                g.region_size.load(std::memory_order_relaxed));
+    return call.exit(SHMRM_OK);
+}
+
+SHMRM_EXPORT int shmrm_detach(void) {
+    InitLock lock;
+    Call call("_detach");
+    if (region() == nullptr) return call.fail(SHMRM_ERR_NOTINIT, "not init");
+    if (--g.attach_count < 0) {
+        g.attach_count = 0;
+    } else if (g.attach_count > 0) {
+        return call.exit(SHMRM_OK);
+    }
+    release_region();
+    call.exit(SHMRM_OK);
+    log_close();
+    return SHMRM_OK;
+}
+
+SHMRM_EXPORT int shmrm_delete(void) {
+    InitLock lock;
+    Call call("_delete");
+    if (region() == nullptr) {
+        call.fail(SHMRM_ERR_NOTINIT, "not init");
+        log_close();
+        return SHMRM_ERR_NOTINIT;
+    }
+    release_region();
+    call.exit(SHMRM_OK);
+    log_close();
+    return SHMRM_OK;
+}
+
+SHMRM_EXPORT int shmrm_clear(void) {
+    Call call("shmrm_clear", Call::Silent{});
+    unsigned char* base = region();
+    if (base == nullptr) return call.fail(SHMRM_ERR_NOTINIT, "not init");
+    auto size = static_cast<std::size_t>(g.region_size.load(std::memory_order_relaxed));
+    std::memset(base, 0, size < g.layout.mapped ? size : g.layout.mapped);
+    SHMRM_TRACE(SHMRM_LOG_INFO, call.tag(), "shmrm clear.");
+    return call.exit(SHMRM_OK);
+}

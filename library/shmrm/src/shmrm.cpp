@@ -1,0 +1,108 @@
+// The library frame: load and unload, the process-local state, the module log and tracing.
+#include <cstdarg>
+#include <cstdio>
+#include <cstring>
+
+#include "shmrm_internal.h"
+#include "vexutil.h"
+#include "vexxml.h"
+
+namespace shmrm {
+
+constinit State g;
+
+namespace {
+constexpr int kDefaultLogLevel = SHMRM_LOG_INFO;
+constexpr int kDefaultLogSize = 1000000;
+constexpr int kTraceBuffer = 4096;
+}  // namespace
+
+bool load() {
+    g.init_lock.init();
+    g.log_lock.init();
+    g.attach_count = 0;
+    vex::VexutilLoadNamespace();
+    g.lock_handle = imports().VexutilCreateMutex(0, kLockName);
+    g.loaded = g.lock_handle != nullptr;
+    return g.loaded;
+}
+
+void unload() {
+    // A view still mapped and a log still open stay as they are.
+    g.init_lock.destroy();
+    g.log_lock.destroy();
+    if (g.lock_handle != nullptr) imports().close_handle(g.lock_handle);
+    g.lock_handle = nullptr;
+    g.loaded = false;
+}
+
+void log_open() {
+    g.init_lock.enter();
+    bool open = g.log.load(std::memory_order_acquire) != nullptr;
+    g.init_lock.leave();
+    if (open) return;
+
+    int level = kDefaultLogLevel;
+    int size = kDefaultLogSize;
+    const Imports& im = imports();
+    if (im.xmllib_load_policy(kLogName) == 0) {
+        int len = sizeof(int);
+        if (im.xmllib_get_value("/root/shmrm/log/level", vex::kXmlTypeInt32, &level, &len) != 0)
+            level = kDefaultLogLevel;
+        len = sizeof(int);
+        if (im.xmllib_get_value("/root/shmrm/log/size", vex::kXmlTypeInt32, &size, &len) != 0)
+            size = kDefaultLogSize;
+        im.xmllib_unload_policy(kLogName);
+    }
+    char name[32];
+    std::strncpy(name, kLogName, sizeof name);
+    name[sizeof name - 1] = '\0';
+    vex::LogHandle handle = nullptr;
+    im.loglib_open(name, &handle, level, size, 0, 0);
+    g.log_level.store(level, std::memory_order_relaxed);
+    g.log.store(handle, std::memory_order_release);
+}
+
+void log_close() {
+    g.log_lock.enter();
+    if (vex::LogHandle handle = g.log.load(std::memory_order_acquire)) {
+        imports().loglib_close(handle);
+    }
+    g.log.store(nullptr, std::memory_order_release);
+    g.log_lock.leave();
+}
+
+void trace_write(int level, const char* file, int line, const char* tag, const char* format, ...) {
+    char text[kTraceBuffer];
+    va_list args;
+    va_start(args, format);
+    std::vsnprintf(text, sizeof text, format, args);
+    va_end(args);
+    // The log lock keeps the handle alive while a line is written.
+    g.log_lock.enter();
+    if (vex::LogHandle handle = g.log.load(std::memory_order_acquire)) {
+        imports().loglib_write(handle, level, 0, file, line, tag, text);
+    }
+    g.log_lock.leave();
+}
+
+}  // namespace shmrm
+
+#if !defined(_WIN32)
+namespace {
+
+__attribute__((constructor)) void on_load() {
+    if (!shmrm::load()) {
+        std::fprintf(stderr,
+                     "vexshmrm: the region lock \"%s\" cannot be obtained (error %u); every "
+                     "call will fail\n",
+                     shmrm::kLockName, shmrm::imports().last_error());
+    }
+}
+
+__attribute__((destructor)) void on_unload() {
+    shmrm::unload();
+}
+
+}  // namespace
+#endif

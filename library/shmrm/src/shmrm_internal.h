@@ -1,0 +1,148 @@
+// The process-local state of the library and its tracing.
+#pragma once
+
+#include <atomic>
+#include <cstddef>
+#include <source_location>
+
+#include "imports.h"
+#include "os.h"
+#include "vexshmrm.h"
+
+#if defined(_WIN32)
+#define SHMRM_EXPORT extern "C"
+#else
+#define SHMRM_EXPORT extern "C" __attribute__((visibility("default")))
+#endif
+
+#if defined(__GNUC__)
+#define SHMRM_PRINTF(f, a) __attribute__((format(printf, f, a)))
+#else
+#define SHMRM_PRINTF(f, a)
+#endif
+
+namespace shmrm {
+
+inline constexpr const char* kMapName = "oru_vexshmrm_map";
+inline constexpr const char* kLockName = "oru_vexshmrm_lock";
+inline constexpr const char* kLogName = "shmrm";
+
+// What this process mapped. Written before _prmhead is published and read after it is seen,
+// so an export that finds _prmhead set also sees a complete layout.
+struct Layout {
+    std::size_t mapped = 0;  // bytes of the view
+    int grpmax = 0;          // capacities the region was sized with in this process
+    int rscmax = 0;
+    int monmax = 0;
+};
+
+struct State {
+    // Set while the region is mapped in this process.
+    std::atomic<unsigned char*> _prmhead{nullptr};
+    std::atomic<unsigned char*> _prmgrp{nullptr};
+    std::atomic<unsigned char*> _prmmon{nullptr};
+    std::atomic<int> region_size{0};
+    Layout layout;
+
+    std::atomic<vex::LogHandle> log{nullptr};
+    std::atomic<int> log_level{0};
+
+    int attach_count = 0;
+    void* create_handle = nullptr;  // the creator's mapping handle
+    void* attach_handle = nullptr;  // the attacher's mapping handle
+    void* lock_handle = nullptr;    // the region lock, held from load to unload
+    bool loaded = false;            // false when the region lock could not be obtained
+
+    vex::os::LocalLock init_lock;
+    vex::os::LocalLock log_lock;
+};
+
+extern constinit State g;
+
+// Library load and unload; the module constructor and destructor (or DllMain) call them.
+// load returns false when the region lock cannot be obtained.
+bool load();
+void unload();
+
+void log_open();
+void log_close();
+
+inline bool trace_enabled(int level) {
+    return g.log.load(std::memory_order_acquire) != nullptr &&
+           level <= g.log_level.load(std::memory_order_relaxed);
+}
+
+void trace_write(int level, const char* file, int line, const char* tag, const char* format, ...)
+    SHMRM_PRINTF(5, 6);
+
+// Traces one line; nothing is evaluated or formatted when the line would not be written.
+#define SHMRM_TRACE(level, tag, ...)                                                               \
+    do {                                                                                           \
+        if (::shmrm::trace_enabled(level))                                                         \
+            ::shmrm::trace_write(level, ::shmrm::base_name(__FILE__), __LINE__, tag, __VA_ARGS__); \
+    } while (0)
+
+constexpr const char* base_name(const char* path) {
+    const char* base = path;
+    for (const char* p = path; *p != '\0'; ++p) {
+        if (*p == '/' || *p == '\\') base = p + 1;
+    }
+    return base;
+}
+
+// One export's trace: the ENTER line when constructed, then exit() or fail() on every return.
+class Call {
+  public:
+    explicit Call(const char* tag, std::source_location at = std::source_location::current())
+        : tag_(tag) {
+        line(SHMRM_LOG_FUNC, at, "<<< ENTER >>>");
+    }
+    // A Call whose ENTER line is written later (or never).
+    struct Silent {};
+    Call(const char* tag, Silent) : tag_(tag) {}
+
+    void enter(std::source_location at = std::source_location::current()) const {
+        line(SHMRM_LOG_FUNC, at, "<<< ENTER >>>");
+    }
+    int exit(int rc, std::source_location at = std::source_location::current()) const {
+        if (trace_enabled(SHMRM_LOG_FUNC))
+            trace_write(SHMRM_LOG_FUNC, base_name(at.file_name()), static_cast<int>(at.line()),
+                        tag_, "<<< EXIT >>> : 0x%08lx", static_cast<unsigned long>(rc));
+        return rc;
+    }
+    // A failure: its message at the error level, then the EXIT line.
+    int fail(int rc, const char* message,
+             std::source_location at = std::source_location::current()) const {
+        line(SHMRM_LOG_ERROR, at, message);
+        return exit(rc, at);
+    }
+    const char* tag() const { return tag_; }
+
+  private:
+    void line(int level, std::source_location at, const char* text) const {
+        if (trace_enabled(level))
+            trace_write(level, base_name(at.file_name()), static_cast<int>(at.line()), tag_, "%s",
+                        text);
+    }
+    const char* tag_;
+};
+
+inline unsigned char* region() {
+    return g._prmhead.load(std::memory_order_acquire);
+}
+inline rmhead* head(unsigned char* base) {
+    return reinterpret_cast<rmhead*>(base);
+}
+
+// Integer fields of the region are written by other processes at any time: every access is a
+// relaxed atomic one, which compiles to a plain load or store.
+template <typename T>
+inline T load(T& field) {
+    return std::atomic_ref<T>(field).load(std::memory_order_relaxed);
+}
+template <typename T>
+inline void store(T& field, T value) {
+    std::atomic_ref<T>(field).store(value, std::memory_order_relaxed);
+}
+
+}  // namespace shmrm

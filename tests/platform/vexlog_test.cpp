@@ -1,0 +1,465 @@
+#include "vexlog.h"
+
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <spawn.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <filesystem>
+#include <fstream>
+#include <map>
+#include <regex>
+#include <sstream>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "os.h"
+#include "support/sandbox.h"
+
+extern char** environ;
+
+namespace {
+
+namespace fs = std::filesystem;
+using vextest::Sandbox;
+
+// One whole log line: stamp, pid, tid, level, tag, source:line, text.
+const std::regex kLine(
+    R"((\d{4})-(\d\d)-(\d\d) (\d\d):(\d\d):(\d\d)\.(\d{3}) (\d+) (\d+) (\S+) (\S+) (\S+):(\d+) (.*))");
+
+// The lines of a file; a last line without its newline is kept as it is and flagged.
+std::vector<std::string> lines_of(const std::string& path, bool* complete = nullptr) {
+    const std::string text = Sandbox::read_file(path);
+    if (complete != nullptr) *complete = text.empty() || text.back() == '\n';
+    std::vector<std::string> lines;
+    std::istringstream in(text);
+    for (std::string line; std::getline(in, line);)
+        lines.push_back(line);
+    return lines;
+}
+
+// The text field of every line (the lines must all be whole).
+std::vector<std::string> texts_of(const std::vector<std::string>& lines) {
+    std::vector<std::string> texts;
+    for (const std::string& line : lines) {
+        std::smatch m;
+        EXPECT_TRUE(std::regex_match(line, m, kLine)) << line;
+        texts.push_back(m.size() > 14 ? m[14].str() : std::string());
+    }
+    return texts;
+}
+
+class LogTest : public testing::Test {
+  protected:
+    void TearDown() override {
+        for (vex::LogHandle h : handles_)
+            vex::loglib_close(h);
+    }
+
+    vex::LogHandle open(int level, int size = 1000000) {
+        vex::LogHandle h = nullptr;
+        vex::loglib_open("shmrm", &h, level, size, 0, 0);
+        if (h != nullptr) handles_.push_back(h);
+        return h;
+    }
+    void close(vex::LogHandle h) {
+        std::erase(handles_, h);
+        vex::loglib_close(h);
+    }
+
+    std::string log_path() const { return sandbox_.log_path(); }
+    std::string backup_path() const { return sandbox_.log_path() + ".1"; }
+    // The texts of the backup followed by those of the current file.
+    std::vector<std::string> all_texts() const {
+        std::vector<std::string> texts = texts_of(lines_of(backup_path()));
+        for (std::string& t : texts_of(lines_of(log_path())))
+            texts.push_back(std::move(t));
+        return texts;
+    }
+
+    Sandbox sandbox_;
+    std::vector<vex::LogHandle> handles_;
+};
+
+// ---- Opening ----------------------------------------------------------------------------
+
+TEST_F(LogTest, NullHandleIsHarmless) {
+    vex::loglib_write(nullptr, 1, 0, "a.cpp", 1, "_t", "text");
+    vex::loglib_close(nullptr);
+    EXPECT_EQ(vex::loglib_level(nullptr), 0);
+    vex::loglib_open("shmrm", nullptr, 4, 1000, 0, 0);
+    vex::LogHandle h = nullptr;
+    vex::loglib_open(nullptr, &h, 4, 1000, 0, 0);
+    EXPECT_EQ(h, nullptr);
+}
+
+TEST_F(LogTest, OpenMakesTheFolderAndAppends) {
+    ASSERT_FALSE(fs::exists(sandbox_.path() + "/log"));
+    vex::LogHandle h = open(4);
+    ASSERT_NE(h, nullptr);
+    EXPECT_TRUE(fs::is_directory(sandbox_.path() + "/log"));
+    EXPECT_EQ(vex::loglib_level(h), 4);
+    vex::loglib_write(h, 4, 0, "a.cpp", 1, "_t", "first");
+    close(h);
+
+    h = open(32);
+    ASSERT_NE(h, nullptr);
+    EXPECT_EQ(vex::loglib_level(h), 32);
+    vex::loglib_write(h, 4, 0, "a.cpp", 2, "_t", "second");
+    EXPECT_EQ(texts_of(lines_of(log_path())), (std::vector<std::string>{"first", "second"}));
+}
+
+TEST_F(LogTest, OpenFailuresLeaveNoHandle) {
+    struct Case {
+        const char* name;
+        const char* log_name;
+        bool block_folder;  // a plain file where the log folder belongs
+        bool no_install;    // the install path does not exist
+    };
+    const Case cases[] = {
+        {"EmptyName", "", false, false},
+        {"NameWithSeparator", "a/b", false, false},
+        {"FolderIsAFile", "shmrm", true, false},
+        {"NoInstallPath", "shmrm", false, true},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.name);
+        Sandbox sandbox;
+        if (c.block_folder) std::ofstream(sandbox.path() + "/log") << "x";
+        if (c.no_install) setenv("VEX_INSTALL_PATH", (sandbox.path() + "/gone").c_str(), 1);
+        int sentinel = 0;
+        auto h = reinterpret_cast<vex::LogHandle>(&sentinel);
+        vex::loglib_open(c.log_name, &h, 4, 1000, 0, 0);
+        EXPECT_EQ(h, nullptr);
+    }
+}
+
+TEST_F(LogTest, HandlesAreLimitedAndReused) {
+    std::vector<vex::LogHandle> opened;
+    for (int i = 0; i < 64; ++i) {
+        vex::LogHandle h = open(4);
+        if (h == nullptr) break;
+        opened.push_back(h);
+    }
+    ASSERT_FALSE(opened.empty());
+    ASSERT_LT(opened.size(), 64u) << "opening never runs out of handles";
+    close(opened.back());
+    vex::LogHandle again = open(16);
+    ASSERT_NE(again, nullptr);
+    EXPECT_EQ(vex::loglib_level(again), 16);
+    vex::loglib_write(again, 16, 0, "a.cpp", 1, "_t", "reused");
+    EXPECT_EQ(texts_of(lines_of(log_path())), std::vector<std::string>{"reused"});
+}
+
+// ---- Lines ------------------------------------------------------------------------------
+
+TEST_F(LogTest, LevelSelectsLines) {
+    struct Case {
+        int open_level;
+        std::vector<std::string> written;
+    };
+    const Case cases[] = {
+        {0, {}},
+        {1, {"1"}},
+        {2, {"1", "2"}},
+        {4, {"1", "2", "4"}},
+        {16, {"1", "2", "4", "8", "16"}},
+        {32, {"1", "2", "4", "8", "16", "32"}},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.open_level);
+        fs::remove(log_path());
+        vex::LogHandle h = open(c.open_level);
+        ASSERT_NE(h, nullptr);
+        for (int level : {1, 2, 4, 8, 16, 32}) {
+            vex::loglib_write(h, level, 0, "a.cpp", 1, "_t", std::to_string(level).c_str());
+        }
+        close(h);
+        EXPECT_EQ(texts_of(lines_of(log_path())), c.written);
+    }
+}
+
+TEST_F(LogTest, LineFormat) {
+    struct Case {
+        int level;
+        const char* name;
+    };
+    const Case cases[] = {{1, "ERROR"}, {2, "WARNING"}, {4, "INFO"},
+                          {16, "FUNC"}, {32, "PARAM"},  {8, "8"}};
+    vex::LogHandle h = open(32);
+    ASSERT_NE(h, nullptr);
+    for (const Case& c : cases) {
+        vex::loglib_write(h, c.level, 0, "src/shmrm.cpp", 1234, "_create",
+                          "100% done: %s %d <<< EXIT >>> : 0x00000002");
+    }
+    bool complete = false;
+    const std::vector<std::string> lines = lines_of(log_path(), &complete);
+    EXPECT_TRUE(complete);
+    ASSERT_EQ(lines.size(), std::size(cases));
+    for (std::size_t i = 0; i < lines.size(); ++i) {
+        SCOPED_TRACE(lines[i]);
+        std::smatch m;
+        ASSERT_TRUE(std::regex_match(lines[i], m, kLine));
+        EXPECT_GE(std::stoi(m[2]), 1);
+        EXPECT_LE(std::stoi(m[2]), 12);
+        EXPECT_GE(std::stoi(m[3]), 1);
+        EXPECT_LE(std::stoi(m[3]), 31);
+        EXPECT_LE(std::stoi(m[4]), 23);
+        EXPECT_LE(std::stoi(m[5]), 59);
+        EXPECT_LE(std::stoi(m[6]), 60);
+        EXPECT_EQ(std::stoul(m[8]), static_cast<unsigned long>(getpid()));
+        EXPECT_EQ(std::stoul(m[9]), vex::os::thread_id());
+        EXPECT_EQ(m[10], cases[i].name);
+        EXPECT_EQ(m[11], "_create");
+        EXPECT_EQ(m[12], "src/shmrm.cpp");
+        EXPECT_EQ(m[13], "1234");
+        EXPECT_EQ(m[14], "100% done: %s %d <<< EXIT >>> : 0x00000002");
+    }
+}
+
+TEST_F(LogTest, LongTextIsCutToOneLine) {
+    vex::LogHandle h = open(4);
+    ASSERT_NE(h, nullptr);
+    const std::string text(10000, 'x');
+    vex::loglib_write(h, 4, 0, "a.cpp", 1, "_t", text.c_str());
+    vex::loglib_write(h, 4, 0, "a.cpp", 2, "_t", "after");
+    bool complete = false;
+    const std::vector<std::string> lines = lines_of(log_path(), &complete);
+    EXPECT_TRUE(complete);
+    ASSERT_EQ(lines.size(), 2u);
+    const std::vector<std::string> texts = texts_of(lines);
+    EXPECT_GT(texts[0].size(), 4000u);
+    EXPECT_LT(lines[0].size(), text.size());
+    EXPECT_EQ(texts[0], std::string(texts[0].size(), 'x'));
+    EXPECT_EQ(texts[1], "after");
+}
+
+// ---- Rotation ---------------------------------------------------------------------------
+
+// "n" for n in [first, last).
+std::vector<std::string> numbers(int first, int last) {
+    std::vector<std::string> out;
+    for (int i = first; i < last; ++i)
+        out.push_back(std::to_string(i));
+    return out;
+}
+
+// The texts must be consecutive numbers ending at last - 1.
+void expect_tail_of(const std::vector<std::string>& texts, int last) {
+    ASSERT_FALSE(texts.empty());
+    EXPECT_EQ(texts, numbers(last - static_cast<int>(texts.size()), last));
+}
+
+TEST_F(LogTest, RotationKeepsOneBackupAndTheSizeLimit) {
+    constexpr int kSize = 1000;
+    vex::LogHandle h = open(4, kSize);
+    ASSERT_NE(h, nullptr);
+    constexpr int kLines = 60;  // several rotations' worth
+    for (int i = 0; i < kLines; ++i)
+        vex::loglib_write(h, 4, 0, "a.cpp", 1, "_t", std::to_string(i).c_str());
+
+    ASSERT_TRUE(fs::exists(backup_path()));
+    EXPECT_LE(fs::file_size(log_path()), static_cast<std::uintmax_t>(kSize));
+    EXPECT_LE(fs::file_size(backup_path()), static_cast<std::uintmax_t>(kSize));
+    // A full file was rotated: the next line would not have fitted.
+    const std::size_t line = lines_of(backup_path()).front().size() + 1;
+    EXPECT_GT(fs::file_size(backup_path()) + line + 1, static_cast<std::uintmax_t>(kSize));
+    // The backup holds the lines just before the current file; older ones are gone.
+    const std::vector<std::string> texts = all_texts();
+    EXPECT_LT(texts.size(), static_cast<std::size_t>(kLines));
+    expect_tail_of(texts, kLines);
+}
+
+TEST_F(LogTest, NoRotationWithoutPositiveSize) {
+    for (int size : {0, -1}) {
+        SCOPED_TRACE(size);
+        fs::remove(log_path());
+        vex::LogHandle h = open(4, size);
+        ASSERT_NE(h, nullptr);
+        for (int i = 0; i < 200; ++i)
+            vex::loglib_write(h, 4, 0, "a.cpp", 1, "_t", std::to_string(i).c_str());
+        close(h);
+        EXPECT_FALSE(fs::exists(backup_path()));
+        EXPECT_EQ(texts_of(lines_of(log_path())), numbers(0, 200));
+    }
+}
+
+TEST_F(LogTest, LineLargerThanTheSizeIsWrittenAlone) {
+    vex::LogHandle h = open(4, 10);
+    ASSERT_NE(h, nullptr);
+    // An empty file is never rotated, so the backup is never empty.
+    vex::loglib_write(h, 4, 0, "a.cpp", 1, "_t", "0");
+    EXPECT_FALSE(fs::exists(backup_path()));
+    vex::loglib_write(h, 4, 0, "a.cpp", 1, "_t", "1");
+    vex::loglib_write(h, 4, 0, "a.cpp", 1, "_t", "2");
+    EXPECT_EQ(texts_of(lines_of(backup_path())), std::vector<std::string>{"1"});
+    EXPECT_EQ(texts_of(lines_of(log_path())), std::vector<std::string>{"2"});
+}
+
+TEST_F(LogTest, HandleFollowsARotationByAnother) {
+    // Two handles on one log act like two processes: each must notice the other's rotation.
+    constexpr int kSize = 400;
+    vex::LogHandle a = open(4, kSize);
+    vex::LogHandle b = open(4, kSize);
+    ASSERT_NE(a, nullptr);
+    ASSERT_NE(b, nullptr);
+    ASSERT_NE(a, b);
+    constexpr int kLines = 11;  // a little over one rotation of about seven lines
+    for (int i = 0; i < kLines; ++i) {
+        vex::loglib_write(i % 2 == 0 ? a : b, 4, 0, "a.cpp", 1, "_t", std::to_string(i).c_str());
+    }
+    ASSERT_TRUE(fs::exists(backup_path()));
+    EXPECT_LE(fs::file_size(log_path()), static_cast<std::uintmax_t>(kSize));
+    EXPECT_EQ(all_texts(), numbers(0, kLines));
+}
+
+TEST_F(LogTest, RotatedAwayFileIsReopened) {
+    vex::LogHandle h = open(4, 0);
+    ASSERT_NE(h, nullptr);
+    vex::loglib_write(h, 4, 0, "a.cpp", 1, "_t", "before");
+    fs::rename(log_path(), backup_path());
+    vex::loglib_write(h, 4, 0, "a.cpp", 1, "_t", "after");
+    EXPECT_EQ(texts_of(lines_of(backup_path())), std::vector<std::string>{"before"});
+    EXPECT_EQ(texts_of(lines_of(log_path())), std::vector<std::string>{"after"});
+}
+
+// ---- Concurrency ------------------------------------------------------------------------
+
+// Every writer's lines appear whole, once each, in order: "<tag> seq=<i> ...".
+void expect_every_line_once(const std::vector<std::string>& texts,
+                            const std::vector<std::string>& tags, int per_tag) {
+    const std::regex text_re(R"((\S+) seq=(\d+)( .*)?)");
+    std::map<std::string, int> next;
+    for (const std::string& text : texts) {
+        std::smatch m;
+        ASSERT_TRUE(std::regex_match(text, m, text_re)) << text;
+        int& expected = next[m[1]];
+        ASSERT_EQ(std::stoi(m[2]), expected) << "writer " << m[1];
+        ++expected;
+    }
+    for (const std::string& tag : tags)
+        EXPECT_EQ(next[tag], per_tag) << "writer " << tag;
+    EXPECT_EQ(next.size(), tags.size());
+}
+
+TEST_F(LogTest, ThreadsShareAHandle) {
+    constexpr int kThreads = 4;
+    constexpr int kLines = 300;
+    // Lines of about 90 bytes: the total passes the size once, but not twice.
+    constexpr int kSize = kThreads * kLines * 90 * 6 / 10;
+    vex::LogHandle h = open(4, kSize);
+    ASSERT_NE(h, nullptr);
+    std::vector<std::string> tags;
+    std::vector<std::thread> threads;
+    for (int t = 0; t < kThreads; ++t) {
+        tags.push_back("t" + std::to_string(t));
+        threads.emplace_back([h, tag = tags.back()] {
+            for (int i = 0; i < kLines; ++i) {
+                const std::string text =
+                    tag + " seq=" + std::to_string(i) + " " + std::string(20, '.');
+                vex::loglib_write(h, 4, 0, "a.cpp", 1, tag.c_str(), text.c_str());
+            }
+        });
+    }
+    for (std::thread& t : threads)
+        t.join();
+    ASSERT_TRUE(fs::exists(backup_path()));
+    expect_every_line_once(all_texts(), tags, kLines);
+}
+
+#ifdef VEX_LOG_WRITER_EXE
+TEST_F(LogTest, ProcessesShareTheLogAndItsRotation) {
+    constexpr int kLines = 300;
+    // Writer lines are 100 to 125 bytes: both writers together pass the size once, not twice.
+    const std::string size = std::to_string(2 * kLines * 112 * 6 / 10);
+    const std::string count = std::to_string(kLines);
+    std::vector<pid_t> pids;
+    for (const char* tag : {"A", "B"}) {
+        std::vector<std::string> args = {VEX_LOG_WRITER_EXE, tag, count, size};
+        std::vector<char*> argv;
+        for (std::string& arg : args)
+            argv.push_back(arg.data());
+        argv.push_back(nullptr);
+        pid_t pid = 0;
+        ASSERT_EQ(posix_spawn(&pid, argv[0], nullptr, nullptr, argv.data(), environ), 0);
+        pids.push_back(pid);
+    }
+    for (pid_t pid : pids) {
+        int status = 0;
+        ASSERT_EQ(waitpid(pid, &status, 0), pid);
+        ASSERT_TRUE(WIFEXITED(status));
+        EXPECT_EQ(WEXITSTATUS(status), 0);
+    }
+    bool complete = false;
+    lines_of(log_path(), &complete);
+    EXPECT_TRUE(complete);
+    ASSERT_TRUE(fs::exists(backup_path()));
+    expect_every_line_once(all_texts(), {"A", "B"}, kLines);
+}
+#endif
+
+// ---- The files underneath ---------------------------------------------------------------
+
+TEST_F(LogTest, FilesAreSharedWithTheGroupWhateverTheUmask) {
+    const mode_t old = umask(077);
+    vex::LogHandle h = open(4);
+    umask(old);
+    ASSERT_NE(h, nullptr);
+    for (const std::string& path : {log_path(), log_path() + ".lock"}) {
+        struct stat st {};
+        ASSERT_EQ(stat(path.c_str(), &st), 0) << path;
+        EXPECT_EQ(st.st_mode & 0777, 0660u) << path;
+    }
+}
+
+TEST(AppendFileTest, DescriptorIsNotInherited) {
+    Sandbox sandbox;
+    vex::os::AppendFile file;
+    ASSERT_TRUE(vex::os::append_open(&file, (sandbox.path() + "/f").c_str()));
+    const int flags = fcntl(static_cast<int>(file.fd), F_GETFD);
+    EXPECT_NE(flags & FD_CLOEXEC, 0);
+    vex::os::append_close(&file);
+    EXPECT_EQ(file.fd, -1);
+}
+
+TEST(AppendFileTest, WritesAppendAndTrackThePath) {
+    Sandbox sandbox;
+    const std::string path = sandbox.path() + "/f";
+    std::ofstream(path) << "old\n";
+    vex::os::AppendFile file;
+    ASSERT_TRUE(vex::os::append_open(&file, path.c_str()));
+    EXPECT_EQ(vex::os::append_size(&file), 4);
+    ASSERT_TRUE(vex::os::append_write(&file, "new\n", 4));
+    EXPECT_EQ(vex::os::append_size(&file), 8);
+    EXPECT_EQ(Sandbox::read_file(path), "old\nnew\n");
+    EXPECT_TRUE(vex::os::append_is_current(&file, path.c_str()));
+
+    std::ofstream(path + ".1") << "stale";
+    ASSERT_TRUE(vex::os::rename_replace(path.c_str(), (path + ".1").c_str()));
+    EXPECT_EQ(Sandbox::read_file(path + ".1"), "old\nnew\n");
+    EXPECT_FALSE(vex::os::append_is_current(&file, path.c_str()));
+    std::ofstream(path) << "";
+    EXPECT_FALSE(vex::os::append_is_current(&file, path.c_str()));
+    vex::os::append_close(&file);
+
+    EXPECT_FALSE(vex::os::append_write(&file, "x", 1));
+    EXPECT_EQ(vex::os::append_size(&file), -1);
+    EXPECT_FALSE(vex::os::append_is_current(&file, path.c_str()));
+}
+
+TEST(AppendFileTest, MakeDirectory) {
+    Sandbox sandbox;
+    const std::string dir = sandbox.path() + "/d";
+    EXPECT_FALSE(vex::os::is_directory(dir.c_str()));
+    EXPECT_TRUE(vex::os::make_directory(dir.c_str()));
+    EXPECT_TRUE(vex::os::make_directory(dir.c_str()));  // already there
+    EXPECT_TRUE(vex::os::is_directory(dir.c_str()));
+    std::ofstream(sandbox.path() + "/file") << "x";
+    EXPECT_FALSE(vex::os::make_directory((sandbox.path() + "/file").c_str()));
+    EXPECT_FALSE(vex::os::make_directory((sandbox.path() + "/no/such").c_str()));
+}
+
+}  // namespace

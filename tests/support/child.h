@@ -1,0 +1,41 @@
+// A node process started by a test (by exec: the test's own library state is never copied),
+// driven one command at a time through its standard input and output. Every wait is bounded.
+#pragma once
+
+#include <sys/types.h>
+
+#include <string>
+
+namespace vextest {
+
+class Child {
+  public:
+    // Starts the child program; extra environment entries ("NAME=value") are added to the
+    // test's own environment.
+    explicit Child(const std::string& program = VEX_CHILD_EXE);
+    ~Child();  // ends the child: end of input, then SIGKILL if it does not exit in time
+    Child(const Child&) = delete;
+    Child& operator=(const Child&) = delete;
+
+    // Sends one command and returns the reply line; "timeout" when none comes in time.
+    std::string ask(const std::string& command, int timeout_ms = 20000);
+    // The result code of a command whose reply starts with it.
+    int rc(const std::string& command, int timeout_ms = 20000);
+    // Sends a command without waiting for the reply (for a command that blocks).
+    void send(const std::string& command);
+    // The next reply line, waiting at most timeout_ms.
+    std::string reply(int timeout_ms = 20000);
+
+    void kill_hard();  // SIGKILL and reap
+    // Waits for the child to exit; its exit status, or -1 on time-out.
+    int wait_exit(int timeout_ms = 20000);
+    pid_t pid() const { return pid_; }
+
+  private:
+    pid_t pid_ = -1;
+    int in_ = -1;   // child's stdin
+    int out_ = -1;  // child's stdout
+    std::string buffered_;
+};
+
+}  // namespace vextest

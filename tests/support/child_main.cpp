@@ -1,0 +1,98 @@
+// A process of the node for tests: it loads the library like any caller and runs one command
+// per line of standard input, answering each with one line: the result code, then any values.
+// End of input ends the process.
+#include <unistd.h>
+#include <cstdio>
+#include <cstdlib>
+#include <iostream>
+#include <sstream>
+#include <string>
+#include <thread>
+
+#include "vexshmrm.h"
+
+namespace {
+
+using Setter = int (*)(int);
+using Getter = int (*)(int*);
+
+struct Word {
+    const char* name;
+    Setter set;
+    Getter get;
+};
+
+const Word kWords[] = {
+    {"acstat", shmrm_setacstat, shmrm_getacstat},
+    {"acstat2", shmrm_setacstat2, shmrm_getacstat2},
+    {"pow32port", shmrm_setpow32port, shmrm_getpow32port},
+};
+
+std::string run(const std::string& line) {
+    std::istringstream in(line);
+    std::string cmd;
+    in >> cmd;
+    std::ostringstream out;
+    if (cmd == "create") return std::to_string(shmrm_create());
+    if (cmd == "attach") return std::to_string(shmrm_attach());
+    if (cmd == "detach") return std::to_string(shmrm_detach());
+    if (cmd == "delete") return std::to_string(shmrm_delete());
+    if (cmd == "clear") return std::to_string(shmrm_clear());
+    if (cmd == "pid") return "0 " + std::to_string(getpid());
+    if (cmd == "rwlock" || cmd == "rolock") {
+        unsigned timeout = 0;
+        in >> timeout;
+        return std::to_string(cmd == "rwlock" ? shmrm_rwlock(timeout) : shmrm_rolock(timeout));
+    }
+    if (cmd == "rwunlock") return std::to_string(shmrm_rwunlock());
+    if (cmd == "rounlock") return std::to_string(shmrm_rounlock());
+    if (cmd == "lock-in-thread") {
+        // A thread that takes the lock and ends without releasing it.
+        int rc = -1;
+        std::thread([&rc] { rc = shmrm_rwlock(SHMRM_INFINITE); }).join();
+        return std::to_string(rc);
+    }
+    if (cmd == "setmaxvalue") {
+        int a = 0, b = 0, c = 0;
+        in >> a >> b >> c;
+        return std::to_string(shmrm_setmaxvalue(a, b, c));
+    }
+    if (cmd == "getmaxvalue") {
+        int a = 0, b = 0, c = 0;
+        int rc = shmrm_getmaxvalue(&a, &b, &c);
+        out << rc << ' ' << a << ' ' << b << ' ' << c;
+        return out.str();
+    }
+    if (cmd == "size") {
+        int size = 0;
+        int rc = shmrm_dump(nullptr, &size);
+        out << rc << ' ' << size;
+        return out.str();
+    }
+    for (const Word& w : kWords) {
+        if (cmd == std::string("set") + w.name) {
+            int v = 0;
+            in >> v;
+            return std::to_string(w.set(v));
+        }
+        if (cmd == std::string("get") + w.name) {
+            int v = 0;
+            int rc = w.get(&v);
+            out << rc << ' ' << v;
+            return out.str();
+        }
+    }
+    return "unknown " + cmd;
+}
+
+}  // namespace
+
+int main() {
+    std::string line;
+    while (std::getline(std::cin, line)) {
+        if (line == "exit") return 0;
+        if (line == "abort") std::abort();
+        std::cout << run(line) << std::endl;
+    }
+    return 0;
+}
