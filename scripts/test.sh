@@ -1,0 +1,17 @@
+#!/usr/bin/env bash
+# Builds vexshmrm and runs the whole test suite: the default build, then the same suite under
+# AddressSanitizer and UndefinedBehaviorSanitizer.
+#   scripts/test.sh [preset ...]     (default: default asan)
+set -euo pipefail
+cd "$(dirname "$0")/.."
+scripts/deps.sh
+
+presets=("$@")
+if ((${#presets[@]} == 0)); then presets=(default asan); fi
+jobs=$(nproc)
+for preset in "${presets[@]}"; do
+  echo "== $preset"
+  cmake --preset "$preset" >/dev/null
+  cmake --build --preset "$preset" -j "$jobs"
+  ctest --preset "$preset" -j "$((jobs * 2))"
+done
