@@ -20,12 +20,13 @@ using vextest::Sandbox;
 
 int count(const std::string& text, const std::string& what) {
     int n = 0;
-    for (auto pos = text.find(what); pos != std::string::npos; pos = text.find(what, pos + 1)) ++n;
+    for (auto pos = text.find(what); pos != std::string::npos; pos = text.find(what, pos + 1))
+        ++n;
     return n;
 }
 
 class Processes : public testing::Test {
-protected:
+  protected:
     void TearDown() override {
         while (shmrm_detach() == SHMRM_OK) {
         }
@@ -138,15 +139,21 @@ TEST_F(Processes, SimultaneousCreatorsMakeOneRegion) {
     constexpr int kChildren = 6;
     constexpr int kRounds = 3;
     std::vector<std::unique_ptr<Child>> children;
-    for (int i = 0; i < kChildren; ++i) children.push_back(std::make_unique<Child>());
+    for (int i = 0; i < kChildren; ++i)
+        children.push_back(std::make_unique<Child>());
     for (int round = 1; round <= kRounds; ++round) {
-        for (auto& c : children) c->send("create");
-        for (auto& c : children) EXPECT_EQ(c->reply(), "0");
+        for (auto& c : children)
+            c->send("create");
+        for (auto& c : children)
+            EXPECT_EQ(c->reply(), "0");
         // Every creator sees the one region: a value written by one is read by all.
         ASSERT_EQ(children[0]->rc("setacstat " + std::to_string(round)), SHMRM_OK);
-        for (auto& c : children) EXPECT_EQ(c->ask("getacstat"), "0 " + std::to_string(round));
-        for (auto& c : children) c->send("delete");
-        for (auto& c : children) EXPECT_EQ(c->reply(), "0");
+        for (auto& c : children)
+            EXPECT_EQ(c->ask("getacstat"), "0 " + std::to_string(round));
+        for (auto& c : children)
+            c->send("delete");
+        for (auto& c : children)
+            EXPECT_EQ(c->reply(), "0");
     }
     std::string log = sandbox.read_log();
     EXPECT_EQ(count(log, "VexutilCreateNamedFileMapping(new)"), kRounds);
@@ -157,12 +164,17 @@ TEST_F(Processes, AttachersComingAndGoingNeverLoseTheRegion) {
     ASSERT_EQ(shmrm_create(), SHMRM_OK);
     ASSERT_EQ(shmrm_setacstat(11), SHMRM_OK);
     std::vector<std::unique_ptr<Child>> children;
-    for (int i = 0; i < 4; ++i) children.push_back(std::make_unique<Child>());
+    for (int i = 0; i < 4; ++i)
+        children.push_back(std::make_unique<Child>());
     for (int round = 0; round < 10; ++round) {
-        for (auto& c : children) c->send("attach");
-        for (auto& c : children) EXPECT_EQ(c->reply(), "0");
-        for (auto& c : children) c->send("detach");
-        for (auto& c : children) EXPECT_EQ(c->reply(), "0");
+        for (auto& c : children)
+            c->send("attach");
+        for (auto& c : children)
+            EXPECT_EQ(c->reply(), "0");
+        for (auto& c : children)
+            c->send("detach");
+        for (auto& c : children)
+            EXPECT_EQ(c->reply(), "0");
     }
     int value = 0;
     EXPECT_EQ(shmrm_getacstat(&value), SHMRM_OK);

@@ -1,0 +1,260 @@
+// The monitor table: add, remove, list, the attributes of a monitor found by type and name,
+// the search by name alone, and the progress step with its tick stamps.
+#include "tables.h"
+
+namespace shmrm {
+namespace {
+
+// An attribute of the monitor record. 32-bit fields move unchanged; 16-bit counters keep the
+// low 16 bits of what is written and are read back sign-extended.
+template <typename T>
+struct MonitorField {
+    T rmmon::*field;
+    const char* get_tag;
+    const char* set_tag;
+};
+
+using Word = MonitorField<int>;
+using Counter = MonitorField<short>;
+
+constexpr Word kStat{&rmmon::stat, "_getmonstat", "_setmonstat"};
+constexpr Word kFo{&rmmon::fo, "_getmonfo", "_setmonfo"};
+constexpr Word kProc{&rmmon::proc, "_getmonproc", "_setmonproc"};
+constexpr Word kInst{&rmmon::inst, "_getmoninst", "_setmoninstruct"};
+constexpr Word kInstdata{&rmmon::instdata, "shmrm_getmoninstdata", "shmrm_setmoninstdata"};
+constexpr Counter kScriptcnt{&rmmon::scriptcnt, "_getmonscriptcnt", "_setmonscriptcnt"};
+constexpr Counter kRestartcnt{&rmmon::restartcnt, "shmrm_getmonrestartcnt",
+                              "shmrm_setmonrestartcnt"};
+constexpr Counter kFinactcnt{&rmmon::finactcnt, "shmrm_getmonfinactcnt", "shmrm_setmonfinactcnt"};
+constexpr Word kSimuflag{&rmmon::simuflag, "_getmonsimuflag", "_setmonsimuflag"};
+constexpr Word kTargetpid{&rmmon::targetpid, "_gettargetpid", "_settargetpid"};
+constexpr Word kRet{&rmmon::ret, "shmrm_getmonret", "shmrm_setmonret"};
+constexpr Word kParentpid{&rmmon::parentpid, "_getparentpid", "_setparentpid"};
+
+// The course of every attribute export: the region, the arguments, the monitor lookup, then
+// `act` on the monitor found.
+template <typename Act>
+int with_monitor(const char* tag, const char* type, const char* name, bool args_ok, Act act) {
+    Call call(tag);
+    unsigned char* base = region();
+    if (base == nullptr) return call.fail(SHMRM_ERR_NOTINIT, "not init");
+    if (name == nullptr || !args_ok) return call.fail(SHMRM_ERR_PARAM, "invalid param");
+    const Monitors monitors = Monitors::of(base);
+    const Key kind(type);
+    const int i = find_monitor(monitors, base, kind, Key(name));
+    if (i < 0) {
+        SHMRM_TRACE(SHMRM_LOG_ERROR, tag, "type:%s,name:%s not found", kind.shown(), name);
+        return call.exit(SHMRM_ERR_NOTFOUND);
+    }
+    act(*monitors.at(i));
+    return call.exit(SHMRM_OK);
+}
+
+template <typename T>
+int get(const MonitorField<T>& f, const char* type, const char* name, int* out) {
+    return with_monitor(f.get_tag, type, name, out != nullptr,
+                        [&](rmmon& mon) { *out = load(mon.*f.field); });
+}
+
+template <typename T>
+int set(const MonitorField<T>& f, const char* type, const char* name, T value) {
+    return with_monitor(f.set_tag, type, name, true,
+                        [&](rmmon& mon) { store(mon.*f.field, value); });
+}
+
+// The progress exports check the two table pointers with messages of their own and name only
+// the monitor's name when it is not found.
+template <typename Act>
+int with_progress(const char* tag, const char* type, const char* name, bool args_ok, Act act) {
+    Call call(tag);
+    unsigned char* base = region();
+    if (base == nullptr) return call.fail(SHMRM_ERR_NOTINIT, "_prmhead is not init");
+    if (g._prmmon.load(std::memory_order_relaxed) == nullptr)
+        return call.fail(SHMRM_ERR_NOTINIT, "_prmmon is not init");
+    if (name == nullptr || !args_ok) return call.fail(SHMRM_ERR_PARAM, "invalid param");
+    const Monitors monitors = Monitors::of(base);
+    const int i = find_monitor(monitors, base, Key(type), Key(name));
+    if (i < 0) {
+        SHMRM_TRACE(SHMRM_LOG_ERROR, tag, "name:%s not found", name);
+        return call.exit(SHMRM_ERR_NOTFOUND);
+    }
+    act(call, *monitors.at(i));
+    return call.exit(SHMRM_OK);
+}
+
+}  // namespace
+}  // namespace shmrm
+
+using namespace shmrm;
+
+SHMRM_EXPORT int shmrm_addmon(const char* type, const char* name) {
+    Call call("_addmon");
+    unsigned char* base = region();
+    if (base == nullptr) return call.fail(SHMRM_ERR_NOTINIT, "not init");
+    if (type == nullptr || name == nullptr) return call.fail(SHMRM_ERR_PARAM, "invalid param");
+    rmhead* h = head(base);
+    const Monitors monitors = Monitors::of(base);
+    const int count = load(h->moncnt);
+    if (count >= load(h->monmax) || count < 0 || count >= monitors.positions) {
+        SHMRM_TRACE(SHMRM_LOG_ERROR, call.tag(), "monitor count is over(%d)", count);
+        return call.exit(SHMRM_ERR_MONOVER);
+    }
+    SHMRM_TRACE(SHMRM_LOG_PARAM, call.tag(), "[in]type:%s, name:%s", type, name);
+    rmmon* mon = monitors.at(count);
+    copy_text(mon->type, type, SHMRM_NAME_LEN);
+    copy_text(mon->name, name, SHMRM_NAME_LEN);
+    store(h->moncnt, count + 1);
+    return call.exit(SHMRM_OK);
+}
+
+SHMRM_EXPORT int shmrm_rmmon(const char* type, const char* name) {
+    Call call("_rmmon");
+    unsigned char* base = region();
+    if (base == nullptr) return call.fail(SHMRM_ERR_NOTINIT, "not init");
+    if (name == nullptr) return call.fail(SHMRM_ERR_PARAM, "invalid param");
+    SHMRM_TRACE(SHMRM_LOG_PARAM, call.tag(), "[in]type:%s, name:%s", shown(type), name);
+    const Monitors monitors = Monitors::of(base);
+    const Key kind(type);
+    const int used = monitors.used(base);
+    const int i = find_monitor(monitors, base, kind, Key(name));
+    if (i < 0) {
+        SHMRM_TRACE(SHMRM_LOG_ERROR, call.tag(), "type:%s,name:%s not found", kind.shown(), name);
+        return call.exit(SHMRM_ERR_NOTFOUND);
+    }
+    remove_record(reinterpret_cast<unsigned char*>(monitors.first), SHMRM_MON_SIZE, i, used);
+    store(head(base)->moncnt, used - 1);
+    return call.exit(SHMRM_OK);
+}
+
+SHMRM_EXPORT int shmrm_enummon(char* buf, int* psize) {
+    Call call("_enummon");
+    unsigned char* base = region();
+    if (base == nullptr) return call.fail(SHMRM_ERR_NOTINIT, "not init");
+    if (psize == nullptr) return call.fail(SHMRM_ERR_PARAM, "invalid param");
+    const Monitors monitors = Monitors::of(base);
+    int i = 0;
+    // The count is read again before every record.
+    return call.exit(write_name_list(buf, psize, [&]() -> const char* {
+        return i < monitors.used(base) ? monitors.at(i++)->name : nullptr;
+    }));
+}
+
+SHMRM_EXPORT int shmrm_getmonstat(const char* type, const char* name, int* pvalue) {
+    return get(kStat, type, name, pvalue);
+}
+SHMRM_EXPORT int shmrm_setmonstat(const char* type, const char* name, int value) {
+    return set(kStat, type, name, value);
+}
+SHMRM_EXPORT int shmrm_getmonfo(const char* type, const char* name, int* pvalue) {
+    return get(kFo, type, name, pvalue);
+}
+SHMRM_EXPORT int shmrm_setmonfo(const char* type, const char* name, int value) {
+    return set(kFo, type, name, value);
+}
+SHMRM_EXPORT int shmrm_getmonproc(const char* type, const char* name, int* pvalue) {
+    return get(kProc, type, name, pvalue);
+}
+SHMRM_EXPORT int shmrm_setmonproc(const char* type, const char* name, int value) {
+    return set(kProc, type, name, value);
+}
+SHMRM_EXPORT int shmrm_getmoninst(const char* type, const char* name, int* pvalue) {
+    return get(kInst, type, name, pvalue);
+}
+SHMRM_EXPORT int shmrm_setmoninst(const char* type, const char* name, int value) {
+    return set(kInst, type, name, value);
+}
+SHMRM_EXPORT int shmrm_getmoninstdata(const char* type, const char* name, int* pvalue) {
+    return get(kInstdata, type, name, pvalue);
+}
+SHMRM_EXPORT int shmrm_setmoninstdata(const char* type, const char* name, int value) {
+    return set(kInstdata, type, name, value);
+}
+SHMRM_EXPORT int shmrm_getmonscriptcnt(const char* type, const char* name, int* pvalue) {
+    return get(kScriptcnt, type, name, pvalue);
+}
+SHMRM_EXPORT int shmrm_setmonscriptcnt(const char* type, const char* name, short value) {
+    return set(kScriptcnt, type, name, value);
+}
+SHMRM_EXPORT int shmrm_getmonrestartcnt(const char* type, const char* name, int* pvalue) {
+    return get(kRestartcnt, type, name, pvalue);
+}
+SHMRM_EXPORT int shmrm_setmonrestartcnt(const char* type, const char* name, short value) {
+    return set(kRestartcnt, type, name, value);
+}
+SHMRM_EXPORT int shmrm_getmonfinactcnt(const char* type, const char* name, int* pvalue) {
+    return get(kFinactcnt, type, name, pvalue);
+}
+SHMRM_EXPORT int shmrm_setmonfinactcnt(const char* type, const char* name, short value) {
+    return set(kFinactcnt, type, name, value);
+}
+SHMRM_EXPORT int shmrm_getmonsimuflag(const char* type, const char* name, int* pvalue) {
+    return get(kSimuflag, type, name, pvalue);
+}
+SHMRM_EXPORT int shmrm_setmonsimuflag(const char* type, const char* name, int value) {
+    return set(kSimuflag, type, name, value);
+}
+SHMRM_EXPORT int shmrm_gettargetpid(const char* type, const char* name, int* pvalue) {
+    return get(kTargetpid, type, name, pvalue);
+}
+SHMRM_EXPORT int shmrm_settargetpid(const char* type, const char* name, int value) {
+    return set(kTargetpid, type, name, value);
+}
+SHMRM_EXPORT int shmrm_getmonret(const char* type, const char* name, int* pvalue) {
+    return get(kRet, type, name, pvalue);
+}
+SHMRM_EXPORT int shmrm_setmonret(const char* type, const char* name, int value) {
+    return set(kRet, type, name, value);
+}
+SHMRM_EXPORT int shmrm_getparentpid(const char* type, const char* name, int* pvalue) {
+    return get(kParentpid, type, name, pvalue);
+}
+SHMRM_EXPORT int shmrm_setparentpid(const char* type, const char* name, int value) {
+    return set(kParentpid, type, name, value);
+}
+
+SHMRM_EXPORT int shmrm_getmoninfo(char* buf, const char* name) {
+    Call call("_getmoninfo");
+    unsigned char* base = region();
+    if (base == nullptr) return call.fail(SHMRM_ERR_NOTINIT, "not init");
+    if (name == nullptr || *name == '\0') return call.fail(SHMRM_ERR_PARAM, "invalid param");
+    const Monitors monitors = Monitors::of(base);
+    const int i = find_monitor(monitors, base, Key(nullptr), Key(name));
+    if (i < 0) {
+        SHMRM_TRACE(SHMRM_LOG_ERROR, call.tag(), "name:%s not found", name);
+        return call.exit(SHMRM_ERR_NOTFOUND);
+    }
+    if (buf != nullptr) copy_out(buf, monitors.at(i)->type, SHMRM_NAME_LEN);
+    return call.exit(SHMRM_OK);
+}
+
+// Step 3 and step 4 stamp the tick count, step 0 clears both stamps; every step is stored.
+SHMRM_EXPORT int shmrm_setmonprogress(const char* type, const char* name, int value) {
+    return with_progress("_setmonprogress", type, name, true, [&](const Call& call, rmmon& mon) {
+        switch (value) {
+            case 3:
+                store(mon.tick3, imports().tick_count());
+                break;
+            case 4:
+                store(mon.tick4, imports().tick_count());
+                break;
+            case 0:
+                store(mon.tick3, 0u);
+                store(mon.tick4, 0u);
+                break;
+            default:
+                SHMRM_TRACE(SHMRM_LOG_PARAM, call.tag(), "progress: %d", value);
+                break;
+        }
+        store(mon.progress, value);
+    });
+}
+
+SHMRM_EXPORT int shmrm_getmonprogress(const char* type, const char* name, int* pvalue,
+                                      unsigned int* ptick3, unsigned int* ptick4) {
+    return with_progress("_getmonprogress", type, name, pvalue != nullptr,
+                         [&](const Call&, rmmon& mon) {
+                             if (ptick3 != nullptr) *ptick3 = load(mon.tick3);
+                             if (ptick4 != nullptr) *ptick4 = load(mon.tick4);
+                             *pvalue = load(mon.progress);
+                         });
+}

@@ -1,0 +1,243 @@
+// The resource slots of the groups: add, remove, list, the attributes of a resource found by
+// group, type and name, and the searches for a resource whose group the caller does not know.
+#include "tables.h"
+
+namespace shmrm {
+namespace {
+
+constexpr int kFreeSize = sizeof(rmrsc::free);
+
+struct ResourceWord {
+    int rmrsc::*field;
+    const char* get_tag;
+    const char* set_tag;
+};
+
+constexpr ResourceWord kStat{&rmrsc::stat, "_getrscstat", "_setrscstat"};
+constexpr ResourceWord kFocnt{&rmrsc::focnt, "_getrscfocnt", "_setrscfocnt"};
+constexpr ResourceWord kStrtret{&rmrsc::strtret, "_getrscstrtret", "_setrscstrtret"};
+constexpr ResourceWord kStopret{&rmrsc::stopret, "_getrscstopret", "_setrscstopret"};
+
+// The course of every attribute export: the region, the arguments (`name` and what `args_ok`
+// says), the resource lookup, then `act` on the resource found.
+template <typename Act>
+int with_resource(const char* tag, const char* grpname, const char* type, const char* name,
+                  bool args_ok, Act act) {
+    Call call(tag);
+    unsigned char* base = region();
+    if (base == nullptr) return call.fail(SHMRM_ERR_NOTINIT, "not init");
+    if (name == nullptr || !args_ok) return call.fail(SHMRM_ERR_PARAM, "invalid param");
+    const Key group(grpname), kind(type);
+    const Resource found = find_resource(base, group, kind, Key(name));
+    if (!found) {
+        SHMRM_TRACE(SHMRM_LOG_ERROR, tag, "group:%s,type:%s,name:%s not found", group.shown(),
+                    kind.shown(), name);
+        return call.exit(SHMRM_ERR_NOTFOUND);
+    }
+    act(*found.rsc);
+    return call.exit(SHMRM_OK);
+}
+
+int get(const ResourceWord& w, const char* grpname, const char* type, const char* name, int* out) {
+    return with_resource(w.get_tag, grpname, type, name, out != nullptr,
+                         [&](rmrsc& rsc) { *out = load(rsc.*w.field); });
+}
+
+int set(const ResourceWord& w, const char* grpname, const char* type, const char* name, int value) {
+    return with_resource(w.set_tag, grpname, type, name, true,
+                         [&](rmrsc& rsc) { store(rsc.*w.field, value); });
+}
+
+}  // namespace
+}  // namespace shmrm
+
+using namespace shmrm;
+
+SHMRM_EXPORT int shmrm_addrsc(const char* grpname, const char* type, const char* name) {
+    Call call("_addrsc");
+    unsigned char* base = region();
+    if (base == nullptr) return call.fail(SHMRM_ERR_NOTINIT, "not init");
+    if (grpname == nullptr || type == nullptr || name == nullptr)
+        return call.fail(SHMRM_ERR_PARAM, "invalid param");
+    SHMRM_TRACE(SHMRM_LOG_PARAM, call.tag(), "[in]grpname:%s, type:%s, name:%s", grpname, type,
+                name);
+    const Groups groups = Groups::of(base);
+    const int i = find_group(groups, groups.used(base), Key(grpname));
+    if (i < 0) {
+        SHMRM_TRACE(SHMRM_LOG_ERROR, call.tag(), "grpname:%s not found", grpname);
+        return call.exit(SHMRM_ERR_NOTFOUND);
+    }
+    rmgrp* grp = groups.at(i);
+    const int count = load(grp->rsccnt);
+    if (count >= groups.rscmax || count < 0) {
+        SHMRM_TRACE(SHMRM_LOG_ERROR, call.tag(), "resource count is over(%d)", count);
+        return call.exit(SHMRM_ERR_RSCOVER);
+    }
+    rmrsc* rsc = Groups::slot(grp, count);
+    copy_text(rsc->type, type, SHMRM_NAME_LEN);
+    copy_text(rsc->name, name, SHMRM_NAME_LEN);
+    SHMRM_TRACE(SHMRM_LOG_PARAM, call.tag(), "grpname:%s, type:%s, name:%s", grpname, rsc->type,
+                rsc->name);
+    store(grp->rsccnt, count + 1);
+    return call.exit(SHMRM_OK);
+}
+
+SHMRM_EXPORT int shmrm_rmrsc(const char* grpname, const char* type, const char* name) {
+    Call call("_rmrsc");
+    unsigned char* base = region();
+    if (base == nullptr) return call.fail(SHMRM_ERR_NOTINIT, "not init");
+    if (name == nullptr) return call.fail(SHMRM_ERR_PARAM, "invalid param");
+    SHMRM_TRACE(SHMRM_LOG_PARAM, call.tag(), "[in]grpname:%s, type:%s, name:%s", shown(grpname),
+                shown(type), name);
+    const Key group(grpname), kind(type);
+    const Resource found = find_resource(base, group, kind, Key(name));
+    if (!found) {
+        SHMRM_TRACE(SHMRM_LOG_ERROR, call.tag(), "grpname:%s,type:%s,name:%s not found",
+                    group.shown(), kind.shown(), name);
+        return call.exit(SHMRM_ERR_NOTFOUND);
+    }
+    const int used = Groups::of(base).slots_used(found.group);
+    remove_record(reinterpret_cast<unsigned char*>(Groups::slot(found.group, 0)), SHMRM_RSC_SIZE,
+                  found.slot, used);
+    store(found.group->rsccnt, used - 1);
+    return call.exit(SHMRM_OK);
+}
+
+SHMRM_EXPORT int shmrm_enumrsc(const char* grpname, char* buf, int* psize) {
+    Call call("_enumrsc");
+    unsigned char* base = region();
+    if (base == nullptr) return call.fail(SHMRM_ERR_NOTINIT, "not init");
+    if (psize == nullptr) return call.fail(SHMRM_ERR_PARAM, "invalid param");
+    // Every group, or only the first group of the given name.
+    const Groups groups = Groups::of(base);
+    int first = 0;
+    int end = groups.used(base);
+    if (grpname != nullptr) {
+        first = find_group(groups, end, Key(grpname));
+        end = first < 0 ? 0 : first + 1;
+        if (first < 0) first = 0;
+    }
+    int i = first;
+    int j = 0;
+    auto next = [&]() -> const char* {
+        for (; i < end; ++i, j = 0) {
+            rmgrp* grp = groups.at(i);
+            if (j < groups.slots_used(grp)) return Groups::slot(grp, j++)->name;
+        }
+        return nullptr;
+    };
+    return call.exit(write_name_list(buf, psize, next));
+}
+
+SHMRM_EXPORT int shmrm_getrscstat(const char* grpname, const char* type, const char* name,
+                                  int* pvalue) {
+    return get(kStat, grpname, type, name, pvalue);
+}
+SHMRM_EXPORT int shmrm_setrscstat(const char* grpname, const char* type, const char* name,
+                                  int value) {
+    return set(kStat, grpname, type, name, value);
+}
+SHMRM_EXPORT int shmrm_getrscfocnt(const char* grpname, const char* type, const char* name,
+                                   int* pvalue) {
+    return get(kFocnt, grpname, type, name, pvalue);
+}
+SHMRM_EXPORT int shmrm_setrscfocnt(const char* grpname, const char* type, const char* name,
+                                   int value) {
+    return set(kFocnt, grpname, type, name, value);
+}
+SHMRM_EXPORT int shmrm_getrscstrtret(const char* grpname, const char* type, const char* name,
+                                     int* pvalue) {
+    return get(kStrtret, grpname, type, name, pvalue);
+}
+SHMRM_EXPORT int shmrm_setrscstrtret(const char* grpname, const char* type, const char* name,
+                                     int value) {
+    return set(kStrtret, grpname, type, name, value);
+}
+SHMRM_EXPORT int shmrm_getrscstopret(const char* grpname, const char* type, const char* name,
+                                     int* pvalue) {
+    return get(kStopret, grpname, type, name, pvalue);
+}
+SHMRM_EXPORT int shmrm_setrscstopret(const char* grpname, const char* type, const char* name,
+                                     int value) {
+    return set(kStopret, grpname, type, name, value);
+}
+
+SHMRM_EXPORT int shmrm_getrscsv(const char* grpname, const char* type, const char* name,
+                                char* buf) {
+    return with_resource("_getrscsv", grpname, type, name, buf != nullptr,
+                         [&](rmrsc& rsc) { copy_out(buf, rsc.sv, SHMRM_TEXT_LEN); });
+}
+SHMRM_EXPORT int shmrm_setrscsv(const char* grpname, const char* type, const char* name,
+                                const char* value) {
+    return with_resource("_setrscsv", grpname, type, name, value != nullptr,
+                         [&](rmrsc& rsc) { copy_text(rsc.sv, value, SHMRM_TEXT_LEN); });
+}
+
+// The free area keeps no length: a reader gets as many bytes as it asks for, up to 256, and a
+// null buffer asks how many there are (without looking the resource up).
+SHMRM_EXPORT int shmrm_getrscfree(const char* grpname, const char* type, const char* name,
+                                  void* buf, int* plen) {
+    const int asked = plen != nullptr ? *plen : 0;
+    if (buf == nullptr && name != nullptr && asked > 0 && region() != nullptr) {
+        Call call("_getrscfree");
+        *plen = kFreeSize;
+        return call.exit(SHMRM_OK);
+    }
+    return with_resource("_getrscfree", grpname, type, name, plen != nullptr && asked > 0,
+                         [&](rmrsc& rsc) {
+                             int n = asked;
+                             if (n > kFreeSize) *plen = n = kFreeSize;
+                             std::memcpy(buf, rsc.free, static_cast<std::size_t>(n));
+                         });
+}
+SHMRM_EXPORT int shmrm_setrscfree(const char* grpname, const char* type, const char* name,
+                                  const void* data, int len) {
+    return with_resource(
+        "_setrscfree", grpname, type, name, data != nullptr && len > 0, [&](rmrsc& rsc) {
+            std::memcpy(rsc.free, data,
+                        static_cast<std::size_t>(len < kFreeSize ? len : kFreeSize));
+        });
+}
+
+SHMRM_EXPORT int shmrm_getrscgrp(char* grpname, const char* type, const char* name) {
+    Call call("_getrscgrp");
+    unsigned char* base = region();
+    if (base == nullptr) return call.fail(SHMRM_ERR_NOTINIT, "not init");
+    if (name == nullptr || grpname == nullptr) return call.fail(SHMRM_ERR_PARAM, "invalid param");
+    const Key kind(type);
+    const Resource found = find_resource(base, Key(nullptr), kind, Key(name));
+    if (!found) {
+        SHMRM_TRACE(SHMRM_LOG_ERROR, call.tag(), "type:%s,name:%s not found", kind.shown(), name);
+        return call.exit(SHMRM_ERR_NOTFOUND);
+    }
+    copy_out(grpname, found.group->name, SHMRM_NAME_LEN);
+    return call.exit(SHMRM_OK);
+}
+
+SHMRM_EXPORT int shmrm_getrscinfo(char* grpname, char* rsctype, const char* rscname) {
+    Call call("_getrscinfo");
+    unsigned char* base = region();
+    if (base == nullptr) return call.fail(SHMRM_ERR_NOTINIT, "not init");
+    if (rscname == nullptr || *rscname == '\0') return call.fail(SHMRM_ERR_PARAM, "invalid param");
+    const bool traced = trace_enabled(SHMRM_LOG_PARAM);
+    const Resource found = find_resource(
+        base, Key(nullptr), Key(nullptr), Key(rscname),
+        [&](int slot, const rmrsc& rsc) {
+            SHMRM_TRACE(SHMRM_LOG_PARAM, call.tag(), "rscname:%s, prsc[%d].name:%.32s", rscname,
+                        slot, rsc.name);
+        },
+        traced);
+    if (!found) {
+        SHMRM_TRACE(SHMRM_LOG_ERROR, call.tag(), "name:%s not found", rscname);
+        return call.exit(SHMRM_ERR_NOTFOUND);
+    }
+    if (grpname != nullptr) {
+        SHMRM_TRACE(SHMRM_LOG_PARAM, call.tag(), "grpname:%.32s", found.group->name);
+        copy_out(grpname, found.group->name, SHMRM_NAME_LEN);
+    }
+    if (rsctype != nullptr) {
+        SHMRM_TRACE(SHMRM_LOG_PARAM, call.tag(), "typename:%.32s", found.rsc->type);
+        copy_out(rsctype, found.rsc->type, SHMRM_NAME_LEN);
+    }
+    return call.exit(SHMRM_OK);
+}

@@ -1,0 +1,166 @@
+// The three tables of the region as one process sees them: geometry bounded by the room this
+// process mapped, the lookups, the name lists and the bounded text copies.
+#pragma once
+
+#include <cstddef>
+#include <cstring>
+
+#include "shmrm_internal.h"
+
+namespace shmrm {
+
+// A lookup key given by a caller. A null key matches everything; a key of 32 characters or more
+// matches nothing, since a stored name keeps at most 31 (found without scanning the field).
+class Key {
+  public:
+    explicit Key(const char* s) : s_(s), len_(s ? ::strnlen(s, SHMRM_NAME_LEN) : 0) {}
+    bool any() const { return s_ == nullptr; }
+    bool impossible() const { return s_ != nullptr && len_ == SHMRM_NAME_LEN; }
+    bool matches(const char* field) const {
+        return s_ == nullptr || (len_ < SHMRM_NAME_LEN && std::memcmp(field, s_, len_ + 1) == 0);
+    }
+    const char* str() const { return s_; }
+    // The key for a not-found message: "-" for a null key.
+    const char* shown() const { return s_ ? s_ : "-"; }
+
+  private:
+    const char* s_;
+    std::size_t len_;
+};
+
+// A caller's string in a parameter line.
+inline const char* shown(const char* s) {
+    return s ? s : "(null)";
+}
+
+// The group table. Positions are bounded by the room this process sized the table with, the
+// stride follows the header's rscmax, and counts are clamped into both.
+struct Groups {
+    unsigned char* first = nullptr;
+    std::size_t stride = 0;
+    int positions = 0;  // whole records that fit the room
+    int rscmax = 0;     // header's rscmax, at least 0
+
+    static Groups of(unsigned char* base);
+    rmgrp* at(int i) const { return reinterpret_cast<rmgrp*>(first + std::size_t(i) * stride); }
+    static rmrsc* slot(rmgrp* grp, int j) {
+        return reinterpret_cast<rmrsc*>(reinterpret_cast<unsigned char*>(grp) +
+                                        SHMRM_GRP_HEAD_SIZE + std::size_t(j) * SHMRM_RSC_SIZE);
+    }
+    // Groups in use (header grpcnt within the room).
+    int used(unsigned char* base) const;
+    // Slots in use in a group (its rsccnt within the header's rscmax).
+    int slots_used(rmgrp* grp) const;
+};
+
+// The monitor table, bounded by the room this process sized it with.
+struct Monitors {
+    rmmon* first = nullptr;
+    int positions = 0;
+
+    static Monitors of(unsigned char* base);
+    rmmon* at(int i) const { return first + i; }
+    int used(unsigned char* base) const;
+};
+
+// The position of the first group, in table order, whose name equals the key; -1 when none.
+int find_group(const Groups& groups, int used, const Key& name);
+
+struct Resource {
+    rmgrp* group = nullptr;
+    rmrsc* rsc = nullptr;
+    int slot = -1;
+    explicit operator bool() const { return rsc != nullptr; }
+};
+
+struct NoVisit {
+    void operator()(int, const rmrsc&) const {}
+};
+
+// The first resource, in table order, of a group matching `group` whose type and name match:
+// a group of the right name without such a resource does not end the search. `visit` sees
+// every slot examined, before it is compared; with `visit_all` false a key that cannot match
+// answers at once, without a scan.
+template <typename Visit = NoVisit>
+Resource find_resource(unsigned char* base, const Key& group, const Key& type, const Key& name,
+                       Visit visit = {}, bool visit_all = false) {
+    if (!visit_all && (group.impossible() || type.impossible() || name.impossible())) return {};
+    const Groups groups = Groups::of(base);
+    const int used = groups.used(base);
+    for (int i = 0; i < used; ++i) {
+        rmgrp* grp = groups.at(i);
+        if (!group.matches(grp->name)) continue;
+        const int slots = groups.slots_used(grp);
+        for (int j = 0; j < slots; ++j) {
+            rmrsc* rsc = Groups::slot(grp, j);
+            visit(j, *rsc);
+            if (type.matches(rsc->type) && name.matches(rsc->name)) return {grp, rsc, j};
+        }
+    }
+    return {};
+}
+
+// The position of the first monitor in table order whose type and name match; -1 when none.
+int find_monitor(const Monitors& monitors, unsigned char* base, const Key& type, const Key& name);
+
+// Copies text into n bytes: at most n bytes of it, the rest of the n bytes NUL.
+inline void bounded_copy(char* dst, const char* text, std::size_t n) {
+    const std::size_t len = ::strnlen(text, n);
+    std::memcpy(dst, text, len);
+    std::memset(dst + len, 0, n - len);
+}
+
+// Copies text into a field of n bytes as bounded_copy does, then sets byte n - 1 to NUL.
+inline void copy_text(char* field, const char* text, std::size_t n) {
+    bounded_copy(field, text, n);
+    field[n - 1] = '\0';
+}
+
+// Copies a stored text and its NUL to a caller's buffer, at most `width` bytes.
+inline void copy_out(char* buf, const char* field, std::size_t width) {
+    std::size_t len = strnlen(field, width);
+    std::memcpy(buf, field, len < width ? len + 1 : width);
+}
+
+// Removes record i of `count` records of `size` bytes: later records move down one position
+// whole, and the position vacated at the end is zero-filled.
+inline void remove_record(unsigned char* first, std::size_t size, int i, int count) {
+    unsigned char* at = first + std::size_t(i) * size;
+    std::memmove(at, at + size, std::size_t(count - 1 - i) * size);
+    std::memset(first + std::size_t(count - 1) * size, 0, size);
+}
+
+// Writes a name list: every name and its NUL, then one more NUL (two when empty). A null buffer
+// asks for the size; a size below 2, or too small for the next name, gives SHMRM_ERR_BUFFER
+// with the size unchanged and the names so far in the buffer. `next` yields the name fields
+// in order, then nullptr.
+template <typename Next>
+int write_name_list(char* buf, int* psize, Next next) {
+    if (buf == nullptr) {
+        long long sum = 0;
+        while (const char* name = next())
+            sum += static_cast<long long>(strnlen(name, SHMRM_NAME_LEN)) + 1;
+        *psize = static_cast<int>((sum == 0 ? 1 : sum) + 1);
+        return SHMRM_OK;
+    }
+    const long long size = *psize;
+    if (size < 2) return SHMRM_ERR_BUFFER;
+    long long used = 0;
+    while (const char* name = next()) {
+        const std::size_t len = strnlen(name, SHMRM_NAME_LEN);
+        if (size < used + static_cast<long long>(len) + 2) return SHMRM_ERR_BUFFER;
+        std::memcpy(buf + used, name, len);
+        buf[used + static_cast<long long>(len)] = '\0';
+        used += static_cast<long long>(len) + 1;
+    }
+    if (used == 0) {
+        buf[0] = buf[1] = '\0';
+        *psize = 2;
+    } else {
+        buf[used] = '\0';
+        *psize = static_cast<int>(used + 1);
+    }
+    return SHMRM_OK;
+}
+
+}  // namespace shmrm
