@@ -134,6 +134,17 @@ TEST_F(Processes, LockOfAnEndedOwnerPassesToTheNextCaller) {
     EXPECT_EQ(survivor.rc("rwlock 0"), SHMRM_OK);
 }
 
+// A namespace the system cannot use for its object names leaves the library loaded but unable
+// to do anything: every call fails, the lock calls with SHMRM_ERR_LOCK.
+TEST_F(Processes, UnusableNamespaceMakesEveryCallFail) {
+    Child child({"VEX_IPC_NAMESPACE=not/usable"});
+    EXPECT_EQ(child.rc("create"), SHMRM_ERR_NOTINIT);
+    EXPECT_EQ(child.rc("attach"), SHMRM_ERR_NOTINIT);
+    EXPECT_EQ(child.rc("getacstat"), SHMRM_ERR_NOTINIT);
+    EXPECT_EQ(child.rc("rwlock 0"), SHMRM_ERR_LOCK);
+    EXPECT_EQ(child.rc("rwunlock"), SHMRM_ERR_LOCK);
+}
+
 // Processes that create and release at the same moment: one region, made once per round.
 TEST_F(Processes, SimultaneousCreatorsMakeOneRegion) {
     constexpr int kChildren = 6;

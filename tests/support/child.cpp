@@ -16,7 +16,21 @@ extern char** environ;
 
 namespace vextest {
 
-Child::Child(const std::string& program) {
+Child::Child(const std::vector<std::string>& extra_env, const std::string& program) {
+    // The test's environment, with the extra entries replacing any of the same name.
+    std::vector<std::string> env_strings(extra_env);
+    for (char** e = environ; *e != nullptr; ++e) {
+        std::string entry(*e);
+        bool replaced = false;
+        for (const auto& extra : extra_env) {
+            replaced |= entry.compare(0, extra.find('=') + 1, extra, 0, extra.find('=') + 1) == 0;
+        }
+        if (!replaced) env_strings.push_back(entry);
+    }
+    std::vector<char*> envp;
+    for (auto& e : env_strings) envp.push_back(e.data());
+    envp.push_back(nullptr);
+
     int to_child[2];
     int from_child[2];
     if (pipe2(to_child, O_CLOEXEC) != 0 || pipe2(from_child, O_CLOEXEC) != 0)
@@ -26,7 +40,7 @@ Child::Child(const std::string& program) {
     posix_spawn_file_actions_adddup2(&actions, to_child[0], 0);
     posix_spawn_file_actions_adddup2(&actions, from_child[1], 1);
     char* argv[] = {const_cast<char*>(program.c_str()), nullptr};
-    int r = posix_spawn(&pid_, program.c_str(), &actions, nullptr, argv, environ);
+    int r = posix_spawn(&pid_, program.c_str(), &actions, nullptr, argv, envp.data());
     posix_spawn_file_actions_destroy(&actions);
     close(to_child[0]);
     close(from_child[1]);

@@ -5,6 +5,7 @@
 #include <sys/types.h>
 
 #include <string>
+#include <vector>
 
 namespace vextest {
 
@@ -12,7 +13,8 @@ class Child {
   public:
     // Starts the child program; extra environment entries ("NAME=value") are added to the
     // test's own environment.
-    explicit Child(const std::string& program = VEX_CHILD_EXE);
+    explicit Child(const std::vector<std::string>& extra_env = {},
+                   const std::string& program = VEX_CHILD_EXE);
     ~Child();  // ends the child: end of input, then SIGKILL if it does not exit in time
     Child(const Child&) = delete;
     Child& operator=(const Child&) = delete;

@@ -176,11 +176,16 @@ void FakeImports::fail(const std::string& name, int result, unsigned error, int 
     failures_[name] = Failure{result, error, nth};
 }
 
+void FakeImports::fail_first(const std::string& name, int count, int result, unsigned error) {
+    failures_[name] = Failure{result, error, 0, 0, count};
+}
+
 bool FakeImports::should_fail(const std::string& name, int* result) {
     auto it = failures_.find(name);
     if (it == failures_.end()) return false;
     Failure& f = it->second;
     ++f.seen;
+    if (f.first > 0 && f.seen > f.first) return false;
     if (f.nth != 0 && f.seen != f.nth) return false;
     *result = f.result;
     fake_error_ = f.error;

@@ -31,6 +31,8 @@ class FakeImports {
     // returning a pointer, any non-zero result means "return null"), leaving `error` as the
     // last error.
     void fail(const std::string& name, int result = -1, unsigned error = 5, int nth = 0);
+    // Makes the first `count` calls of `name` fail and the later ones go through.
+    void fail_first(const std::string& name, int count, int result = -1, unsigned error = 5);
     // For the mapping create: succeed but report the mapping as already existing.
     void report_existing(bool on) { report_existing_ = on; }
     // Values the XML library hands out instead of reading the file (by key).
@@ -59,6 +61,7 @@ class FakeImports {
         unsigned error;
         int nth;
         int seen = 0;
+        int first = 0;  // > 0: fail calls 1..first only
     };
     bool should_fail(const std::string& name, int* result);
     std::map<std::string, Failure> failures_;

@@ -178,6 +178,20 @@ void release_description(Entry* e) {
     free_entry(e);
 }
 
+// Timed waits run on the monotonic clock. The thread sanitizer sees only the realtime wait, so
+// a build with it uses that one to keep its model of lock ownership.
+#if defined(__SANITIZE_THREAD__)
+constexpr clockid_t kLockClock = CLOCK_REALTIME;
+int clock_lock(pthread_mutex_t* m, const timespec* deadline) {
+    return pthread_mutex_timedlock(m, deadline);
+}
+#else
+constexpr clockid_t kLockClock = CLOCK_MONOTONIC;
+int clock_lock(pthread_mutex_t* m, const timespec* deadline) {
+    return pthread_mutex_clocklock(m, CLOCK_MONOTONIC, deadline);
+}
+#endif
+
 struct SharedMutex {
     std::atomic<std::uint32_t> magic;
     pthread_mutex_t mutex;
@@ -413,7 +427,7 @@ unsigned wait_mutex(Handle mutex, unsigned timeout_ms) {
         r = pthread_mutex_lock(m);
     } else {
         timespec deadline{};
-        clock_gettime(CLOCK_MONOTONIC, &deadline);
+        clock_gettime(kLockClock, &deadline);
         deadline.tv_sec += static_cast<time_t>(timeout_ms / 1000);
         deadline.tv_nsec += static_cast<long>(timeout_ms % 1000) * 1000000L;
         if (deadline.tv_nsec >= 1000000000L) {
@@ -421,7 +435,7 @@ unsigned wait_mutex(Handle mutex, unsigned timeout_ms) {
             deadline.tv_nsec -= 1000000000L;
         }
         do {
-            r = pthread_mutex_clocklock(m, CLOCK_MONOTONIC, &deadline);
+            r = clock_lock(m, &deadline);
         } while (r == EINTR);
     }
     switch (r) {
@@ -445,7 +459,11 @@ unsigned wait_mutex(Handle mutex, unsigned timeout_ms) {
 bool release_mutex(Handle mutex) {
     Entry* e = find_entry(mutex, Kind::kMutex);
     if (e == nullptr) return fail(EBADF);
-    int r = pthread_mutex_unlock(&static_cast<SharedMutex*>(e->address)->mutex);
+    pthread_mutex_t* m = &static_cast<SharedMutex*>(e->address)->mutex;
+    // Only the owner may release: another thread's unlock is refused before it reaches the
+    // mutex (glibc keeps the owner's thread id in the mutex).
+    if (m->__data.__owner != gettid()) return fail(EPERM);
+    int r = pthread_mutex_unlock(m);
     return r == 0 || fail(r);
 }
 
