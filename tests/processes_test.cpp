@@ -126,12 +126,16 @@ TEST_F(Processes, LockOfAnEndedOwnerPassesToTheNextCaller) {
     EXPECT_EQ(shmrm_rwlock(0), SHMRM_OK);
     EXPECT_EQ(shmrm_rwunlock(), SHMRM_OK);
 
-    Child survivor;  // its thread ends holding the lock; the process lives on
-    ASSERT_EQ(survivor.rc("lock-in-thread"), SHMRM_OK);
-    EXPECT_EQ(shmrm_rwlock(SHMRM_INFINITE), SHMRM_OK);
-    EXPECT_EQ(survivor.rc("rwlock 0"), SHMRM_ERR_LOCK);
+    {
+        Child survivor;  // its thread ends holding the lock; the process lives on
+        ASSERT_EQ(survivor.rc("lock-in-thread"), SHMRM_OK);
+        EXPECT_EQ(shmrm_rwlock(SHMRM_INFINITE), SHMRM_OK);
+        EXPECT_EQ(survivor.rc("rwlock 0"), SHMRM_ERR_LOCK);
+        EXPECT_EQ(shmrm_rwunlock(), SHMRM_OK);
+        EXPECT_EQ(survivor.rc("rwlock 0"), SHMRM_OK);
+    }  // exits normally, unloading the library, still holding the lock
+    EXPECT_EQ(shmrm_rwlock(0), SHMRM_OK);
     EXPECT_EQ(shmrm_rwunlock(), SHMRM_OK);
-    EXPECT_EQ(survivor.rc("rwlock 0"), SHMRM_OK);
 }
 
 // A namespace the system cannot use for its object names leaves the library loaded but unable

@@ -473,7 +473,8 @@ bool close_handle(Handle handle) {
         return true;
     }
     if (Entry* e = find_entry(handle, Kind::kMutex)) {
-        munmap(e->address, e->length);
+        // The memory stays mapped: a thread of this process may still own the mutex, and when
+        // it ends the kernel marks the mutex abandoned through that very mapping (one page).
         free_entry(e);
         return true;
     }
