@@ -3,7 +3,7 @@
 set -euo pipefail
 
 packages=(cmake make g++ binutils pkg-config libpugixml-dev googletest libgtest-dev libgmock-dev
-          libbenchmark-dev clang-format)
+          libbenchmark-dev clang-format libcli11-dev nlohmann-json3-dev libfmt-dev tmux)
 
 missing=()
 for p in "${packages[@]}"; do

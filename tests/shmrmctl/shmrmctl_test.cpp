@@ -1,0 +1,378 @@
+// shmrmctl driven as a real process against a region this test holds and fills through the API.
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <spawn.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <poll.h>
+#include <cerrno>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <nlohmann/json.hpp>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "support/sandbox.h"
+#include "vexshmrm.h"
+
+extern char** environ;
+
+namespace {
+
+using nlohmann::json;
+
+struct Result {
+    int status = -1;
+    std::string out, err;
+};
+
+// Runs shmrmctl with the test's environment; a run that hangs is killed after a minute.
+Result shmrmctl(const std::vector<std::string>& args) {
+    std::vector<char*> argv{const_cast<char*>(SHMRMCTL_EXE)};
+    for (const auto& a : args)
+        argv.push_back(const_cast<char*>(a.c_str()));
+    argv.push_back(nullptr);
+    int out[2], err[2];
+    if (pipe(out) != 0 || pipe(err) != 0) return {};
+    posix_spawn_file_actions_t fa;
+    posix_spawn_file_actions_init(&fa);
+    posix_spawn_file_actions_adddup2(&fa, out[1], 1);
+    posix_spawn_file_actions_adddup2(&fa, err[1], 2);
+    posix_spawn_file_actions_addclose(&fa, out[0]);
+    posix_spawn_file_actions_addclose(&fa, err[0]);
+    pid_t pid = -1;
+    const int spawned = posix_spawn(&pid, SHMRMCTL_EXE, &fa, nullptr, argv.data(), environ);
+    posix_spawn_file_actions_destroy(&fa);
+    close(out[1]);
+    close(err[1]);
+    Result r;
+    pollfd fds[2] = {{out[0], POLLIN, 0}, {err[0], POLLIN, 0}};
+    std::string* sinks[2] = {&r.out, &r.err};
+    int open_fds = 2;
+    while (spawned == 0 && open_fds > 0) {
+        if (poll(fds, 2, 60000) <= 0) {
+            kill(pid, SIGKILL);
+            break;
+        }
+        for (int i = 0; i < 2; ++i) {
+            if (fds[i].fd < 0 || fds[i].revents == 0) continue;
+            char buf[4096];
+            const ssize_t n = read(fds[i].fd, buf, sizeof buf);
+            if (n > 0) {
+                sinks[i]->append(buf, static_cast<std::size_t>(n));
+            } else {
+                fds[i].fd = -1;
+                --open_fds;
+            }
+        }
+    }
+    close(out[0]);
+    close(err[0]);
+    int status = 0;
+    if (spawned == 0 && waitpid(pid, &status, 0) == pid) {
+        r.status = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+    }
+    return r;
+}
+
+json parse(const Result& r) {
+    EXPECT_EQ(r.status, 0) << r.err;
+    return json::parse(r.out, nullptr, false);
+}
+
+// The test holds a small region (4 groups of 3 resources, 4 monitors) for its whole run.
+class Shmrmctl : public testing::Test {
+  protected:
+    void SetUp() override {
+        sandbox_.configure({4, 3, 4});
+        ASSERT_EQ(shmrm_create(), SHMRM_OK);
+    }
+    void TearDown() override { shmrm_delete(); }
+
+    // Two groups, three resources, two monitors, every field given a value of its own.
+    static void populate() {
+        ASSERT_EQ(shmrm_setacstat(11), 0);
+        ASSERT_EQ(shmrm_setacstat2(12), 0);
+        ASSERT_EQ(shmrm_setpow32port(5001), 0);
+        for (const char* g : {"web", "db"})
+            ASSERT_EQ(shmrm_addgrp(g), 0);
+        ASSERT_EQ(shmrm_setgrpstat("db", 2), 0);
+        ASSERT_EQ(shmrm_setgrpenv("db", -3), 0);
+        ASSERT_EQ(shmrm_setgrpflag("db", 0xbeef), 0);
+        ASSERT_EQ(shmrm_setgrpretrycnt("db", 4), 0);
+        ASSERT_EQ(shmrm_setgrpfocnt("db", 5), 0);
+        ASSERT_EQ(shmrm_setgrpsv("db", "online"), 0);
+        ASSERT_EQ(shmrm_addrsc("web", "ip", "vip"), 0);
+        ASSERT_EQ(shmrm_addrsc("db", "disk", "vol"), 0);
+        ASSERT_EQ(shmrm_addrsc("db", "app", "engine"), 0);
+        ASSERT_EQ(shmrm_setrscstat("db", "app", "engine", 7), 0);
+        ASSERT_EQ(shmrm_setrscfocnt("db", "app", "engine", 8), 0);
+        ASSERT_EQ(shmrm_setrscstrtret("db", "app", "engine", -9), 0);
+        ASSERT_EQ(shmrm_setrscstopret("db", "app", "engine", 10), 0);
+        ASSERT_EQ(shmrm_setrscsv("db", "app", "engine", "running"), 0);
+        const unsigned char data[] = {0x01, 0xab, 0x00, 0xff};
+        ASSERT_EQ(shmrm_setrscfree("db", "app", "engine", data, 4), 0);
+        ASSERT_EQ(shmrm_setdescript("db", "app", "engine", "the engine", 11), 0);
+        ASSERT_EQ(shmrm_addmon("ping", "gw"), 0);
+        ASSERT_EQ(shmrm_addmon("proc", "agent"), 0);
+        ASSERT_EQ(shmrm_setmonstat("proc", "agent", 1), 0);
+        ASSERT_EQ(shmrm_setmonfo("proc", "agent", 2), 0);
+        ASSERT_EQ(shmrm_setmonproc("proc", "agent", 3), 0);
+        ASSERT_EQ(shmrm_setmoninst("proc", "agent", 4), 0);
+        ASSERT_EQ(shmrm_setmoninstdata("proc", "agent", 5), 0);
+        ASSERT_EQ(shmrm_setmonscriptcnt("proc", "agent", -6), 0);
+        ASSERT_EQ(shmrm_setmonrestartcnt("proc", "agent", 7), 0);
+        ASSERT_EQ(shmrm_setmonfinactcnt("proc", "agent", 8), 0);
+        ASSERT_EQ(shmrm_setmonsimuflag("proc", "agent", 9), 0);
+        ASSERT_EQ(shmrm_settargetpid("proc", "agent", 10), 0);
+        ASSERT_EQ(shmrm_setmonret("proc", "agent", 11), 0);
+        ASSERT_EQ(shmrm_setparentpid("proc", "agent", 12), 0);
+        ASSERT_EQ(shmrm_setmonprogress("proc", "agent", 3), 0);
+        ASSERT_EQ(shmrm_setmonprogress("proc", "agent", 4), 0);
+        ASSERT_EQ(shmrm_setdescript(nullptr, "proc", "agent", "watcher", 8), 0);
+    }
+
+    std::string file(const std::string& name) const { return sandbox_.path() + "/" + name; }
+
+    vextest::Sandbox sandbox_;
+};
+
+TEST_F(Shmrmctl, StatusJsonHoldsEveryFieldAsWritten) {
+    populate();
+    const json j = parse(shmrmctl({"status", "--json"}));
+    ASSERT_FALSE(j.is_discarded());
+    unsigned int tick3 = 0, tick4 = 0;
+    int step = 0;
+    ASSERT_EQ(shmrm_getmonprogress("proc", "agent", &step, &tick3, &tick4), 0);
+    const std::vector<std::pair<std::string, json>> expected = {
+        {"/size", 184 + 4 * (344 + 3 * 884) + 4 * 412},
+        {"/header/grpmax", 4},
+        {"/header/rscmax", 3},
+        {"/header/monmax", 4},
+        {"/header/grpcnt", 2},
+        {"/header/moncnt", 2},
+        {"/header/acstat", 11},
+        {"/header/acstat2", 12},
+        {"/header/pow32port", 5001},
+        {"/groups/0/name", "web"},
+        {"/groups/0/rsccnt", 1},
+        {"/groups/0/resources/0/type", "ip"},
+        {"/groups/0/resources/0/name", "vip"},
+        {"/groups/1/name", "db"},
+        {"/groups/1/stat", 2},
+        {"/groups/1/env", -3},
+        {"/groups/1/flag", 0xbeef},
+        {"/groups/1/retrycnt", 4},
+        {"/groups/1/focnt", 5},
+        {"/groups/1/sv", "online"},
+        {"/groups/1/rsccnt", 2},
+        {"/groups/1/resources/1/name", "engine"},
+        {"/groups/1/resources/1/stat", 7},
+        {"/groups/1/resources/1/focnt", 8},
+        {"/groups/1/resources/1/strtret", -9},
+        {"/groups/1/resources/1/stopret", 10},
+        {"/groups/1/resources/1/sv", "running"},
+        {"/groups/1/resources/1/descript", "the engine"},
+        {"/groups/1/resources/1/free", "01ab00ff" + std::string(504, '0')},
+        {"/monitors/0/type", "ping"},
+        {"/monitors/0/progress", 0},
+        {"/monitors/1/name", "agent"},
+        {"/monitors/1/stat", 1},
+        {"/monitors/1/fo", 2},
+        {"/monitors/1/proc", 3},
+        {"/monitors/1/inst", 4},
+        {"/monitors/1/instdata", 5},
+        {"/monitors/1/scriptcnt", -6},
+        {"/monitors/1/restartcnt", 7},
+        {"/monitors/1/finactcnt", 8},
+        {"/monitors/1/simuflag", 9},
+        {"/monitors/1/targetpid", 10},
+        {"/monitors/1/ret", 11},
+        {"/monitors/1/parentpid", 12},
+        {"/monitors/1/progress", 4},
+        {"/monitors/1/tick3", tick3},
+        {"/monitors/1/tick4", tick4},
+        {"/monitors/1/descript", "watcher"},
+        {"/damage", json::array()},
+    };
+    for (const auto& [pointer, value] : expected) {
+        EXPECT_EQ(j.value(json::json_pointer(pointer), json()), value) << pointer;
+    }
+    const Result text = shmrmctl({"status"});
+    EXPECT_EQ(text.status, 0);
+    for (const char* shown : {"monitors", "engine", "running", "0xbeef", "01ab00ff"}) {
+        EXPECT_NE(text.out.find(shown), std::string::npos) << shown;
+    }
+}
+
+TEST_F(Shmrmctl, DecodedDumpIsTheSnapshotStatusShows) {
+    populate();
+    ASSERT_EQ(shmrmctl({"dump", file("region.dump")}).status, 0);
+    const json live = parse(shmrmctl({"status", "--json"}));
+    shmrm_clear();  // the dump alone must carry the snapshot
+    EXPECT_EQ(parse(shmrmctl({"decode", file("region.dump"), "--json"})), live);
+    const Result ok = shmrmctl({"check", "--file", file("region.dump")});
+    EXPECT_EQ(ok.status, 0) << ok.out;
+}
+
+// A dump file with bytes planted at region offsets; `check` must name each fault, and neither
+// check nor decode may read past the bytes whatever the header says.
+TEST_F(Shmrmctl, CheckNamesEachPlantedViolation) {
+    populate();
+    ASSERT_EQ(shmrmctl({"dump", file("healthy")}).status, 0);
+    EXPECT_EQ(shmrmctl({"check"}).status, 0);
+    std::ifstream in(file("healthy"), std::ios::binary);
+    const std::string healthy((std::istreambuf_iterator<char>(in)), {});
+    constexpr std::size_t kFileHead = 40, kGroup = 344 + 3 * 884, kMons = 184 + 4 * kGroup;
+    struct Case {
+        const char* name;
+        std::size_t offset;  // in the region
+        std::string bytes;
+        const char* expected;
+        std::size_t keep = 0;  // cut the file to this many bytes (0: whole)
+    };
+    const std::string big("\x7f\x00\x00\x00", 4);
+    const Case cases[] = {
+        {"grpcnt", 48, big, "grpcnt: 127 outside 0..4"},
+        {"moncnt", 52, "\xff\xff\xff\xff", "moncnt: -1 outside 0..4"},
+        {"rsccnt", 184 + kGroup + 296, big, "group 1 'db': rsccnt 127 outside 0..3"},
+        {"group name", 184, std::string(32, 'A'), "group 0: name has no NUL"},
+        {"resource type", 184 + 344 + 32, std::string(32, 'B'), "resource 0: type has no NUL"},
+        {"monitor name", kMons + 412, std::string(32, 'C'), "monitor 1: name has no NUL"},
+        {"free group", 184 + 3 * kGroup + 100, "x", "group position 3: free but byte 100"},
+        {"free slot", 184 + 344 + 884 + 5, "y", "'web': free resource slot 1: byte 5"},
+        {"free monitor", kMons + 3 * 412 + 411, "z", "monitor position 3: free but byte 411"},
+        {"capacities", 40, big, "capacities: the header says grpmax 4, rscmax 127"},
+        {"truncated", 0, "", "truncated: the file header says", kFileHead + 1000},
+    };
+    for (const Case& c : cases) {
+        std::string damaged = healthy;
+        damaged.replace(kFileHead + c.offset, c.bytes.size(), c.bytes);
+        if (c.keep != 0) damaged.resize(c.keep);
+        std::ofstream(file(c.name), std::ios::binary) << damaged;
+        const Result r = shmrmctl({"check", "--file", file(c.name)});
+        EXPECT_EQ(r.status, 1) << c.name;
+        EXPECT_NE(r.out.find(c.expected), std::string::npos) << c.name << ":\n" << r.out;
+        EXPECT_LE(shmrmctl({"decode", file(c.name), "--json"}).status, 1) << c.name;
+    }
+    std::ofstream(file("garbage"), std::ios::binary) << "not a dump at all";
+    for (const auto& args : {std::vector<std::string>{"decode", file("garbage")},
+                             {"check", "--file", file("garbage")},
+                             {"decode", file("absent")}}) {
+        const Result r = shmrmctl(args);
+        EXPECT_EQ(r.status, 1) << args[1];
+        EXPECT_NE(r.err.find("shmrmctl: "), std::string::npos) << r.err;
+    }
+}
+
+TEST_F(Shmrmctl, WritesReachTheExportsAndReportTheirResults) {
+    ASSERT_EQ(shmrm_addgrp("g"), 0);
+    ASSERT_EQ(shmrm_addrsc("g", "t", "r"), 0);
+    ASSERT_EQ(shmrm_addmon("m", "n"), 0);
+    struct Case {
+        std::vector<std::string> args;
+        int status;
+        const char* out;  // expected in stdout (success) or stderr (failure)
+    };
+    const Case cases[] = {
+        {{"set", "group", "g", "stat", "0x10"}, 0, ""},
+        {{"get", "group", "g", "stat"}, 0, "16\n"},
+        {{"set", "group", "g", "flag", "65535"}, 0, ""},
+        {{"get", "group", "g", "flag"}, 0, "65535\n"},
+        {{"set", "resource", "*", "*", "r", "free", "0a0b"}, 0, ""},
+        {{"get", "resource", "g", "t", "r", "free"}, 0, "0a0b0000"},
+        {{"set", "resource", "g", "t", "r", "descript", "hello"}, 0, ""},
+        {{"get", "resource", "g", "t", "r", "descript"}, 0, "hello\n"},
+        {{"set", "monitor", "*", "n", "scriptcnt", "65535"}, 0, ""},
+        {{"get", "monitor", "m", "n", "scriptcnt"}, 0, "-1\n"},
+        {{"set", "monitor", "m", "n", "progress", "0"}, 0, ""},
+        {{"get", "monitor", "m", "n", "progress"}, 0, "0 0 0\n"},
+        {{"set", "header", "pow32port", "8080"}, 0, ""},
+        {{"get", "header", "maxvalue"}, 0, "4,3,4\n"},
+        {{"set", "header", "acstat", "0"}, 1, "shmrm_setacstat: SHMRM_ERR_PARAM"},
+        {{"set", "header", "maxvalue", "5,3,4"}, 1, "shmrm_setmaxvalue: SHMRM_ERR_PARAM"},
+        {{"get", "group", "nosuch", "stat"}, 1, "shmrm_getgrpstat: SHMRM_ERR_NOTFOUND"},
+        {{"get", "monitor", "x", "n", "ret"}, 1, "shmrm_getmonret: SHMRM_ERR_NOTFOUND"},
+        {{"set", "group", "g", "colour", "1"}, 1, "unknown attribute 'colour'"},
+        {{"set", "group", "g", "stat", "12abc"}, 1, "'12abc' is not a 32-bit integer"},
+        {{"set", "group", "g", "flag", "70000"}, 1, "not a 16-bit unsigned integer"},
+        {{"get", "resource", "g", "r", "stat"}, 1, "expected resource GROUP TYPE NAME ATTR"},
+        {{"add", "resource", "g", "t", "r2"}, 0, ""},
+        {{"add", "resource", "g", "t", "r3"}, 0, ""},
+        {{"add", "resource", "g", "t", "r4"}, 1, "shmrm_addrsc: SHMRM_ERR_RSCOVER"},
+        {{"remove", "resource", "*", "*", "r2"}, 0, ""},
+        {{"remove", "monitor", "*", "gone"}, 1, "shmrm_rmmon: SHMRM_ERR_NOTFOUND"},
+        {{"add", "thing", "x"}, 1, "the first word must be"},
+    };
+    for (const Case& c : cases) {
+        const Result r = shmrmctl(c.args);
+        std::string what;
+        for (const auto& a : c.args)
+            what += a + " ";
+        EXPECT_EQ(r.status, c.status) << what << r.err;
+        EXPECT_NE((c.status == 0 ? r.out : r.err).find(c.out), std::string::npos)
+            << what << "\nstdout: " << r.out << "\nstderr: " << r.err;
+    }
+    // What the tool wrote, as the exports read it back.
+    int value = 0;
+    EXPECT_EQ(shmrm_getpow32port(&value), 0);
+    EXPECT_EQ(value, 8080);
+    char names[64];
+    int size = sizeof names;
+    ASSERT_EQ(shmrm_enumrsc("g", names, &size), 0);
+    EXPECT_EQ(std::string(names, static_cast<std::size_t>(size)), std::string("r\0r3\0\0", 6));
+}
+
+TEST(ShmrmctlAlone, NoRegionIsReportedNotCrashedOn) {
+    vextest::Sandbox sandbox;
+    for (const auto& args : {std::vector<std::string>{"status"},
+                             {"status", "--json"},
+                             {"check"},
+                             {"get", "header", "acstat"},
+                             {"add", "group", "g"}}) {
+        const Result r = shmrmctl(args);
+        EXPECT_EQ(r.status, 1) << args[0];
+        EXPECT_NE(r.err.find("shmrm_attach: SHMRM_ERR_OPENMAP"), std::string::npos) << r.err;
+    }
+    EXPECT_NE(shmrmctl({"status", "--bogus"}).status, 0);
+    EXPECT_NE(shmrmctl({"get", "--help"}).out.find("scriptcnt"), std::string::npos);
+}
+
+TEST(ShmrmctlAlone, DemoOnceRunsToTheEndAndLeavesNothingBehind) {
+    const std::string ns = "shmrmctl-demo-test-" + vextest::process_id_text();
+    const Result r = shmrmctl({"demo", "--once", "--workers", "2", "--namespace", ns});
+    ASSERT_EQ(r.status, 0) << r.out << r.err;
+    EXPECT_NE(r.out.find("=== snapshot 3 ==="), std::string::npos) << r.out;
+    EXPECT_NE(r.out.find("worker 1 pid"), std::string::npos) << r.out;  // workers did write
+    std::istringstream lines(r.out);
+    std::string word, install;
+    int pids = 0;
+    for (std::string line; std::getline(lines, line);) {
+        std::istringstream in(line);
+        long pid = 0;
+        if (in >> word && (word == "holder" || word == "worker") && in >> pid && in.eof()) {
+            ++pids;
+            EXPECT_EQ(kill(static_cast<pid_t>(pid), 0), -1) << word << " " << pid << " lives";
+        }
+        if (word == "install") install = line.substr(8);
+    }
+    EXPECT_EQ(pids, 3);
+    EXPECT_FALSE(std::filesystem::exists("/dev/shm/" + ns + ".oru_vexshmrm_map"));
+    EXPECT_FALSE(install.empty() || std::filesystem::exists(install)) << install;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    // A namespace of its own, set before the library loads: start again with it.
+    if (std::getenv("VEX_IPC_NAMESPACE") == nullptr) {
+        vextest::set_env("VEX_IPC_NAMESPACE", "shmrmctltest" + vextest::process_id_text());
+        execv("/proc/self/exe", argv);
+        return 1;
+    }
+    testing::InitGoogleTest(&argc, argv);
+    return RUN_ALL_TESTS();
+}

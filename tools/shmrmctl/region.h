@@ -1,0 +1,56 @@
+// The region as the tool reaches it: through the library's exports only.
+#pragma once
+
+#include <cstdint>
+#include <string>
+
+#include "snapshot.h"
+
+namespace shmrmctl {
+
+// "SHMRM_ERR_NOTFOUND" for 3, and so on; "result <n>" for a code the library does not define.
+std::string result_name(int rc);
+
+// A failed export: its name and its result.
+struct Failure {
+    std::string call;
+    int rc = 0;
+    std::string message() const;
+};
+
+// Attached for as long as it lives (when attaching succeeded).
+class Attachment {
+  public:
+    Attachment();
+    ~Attachment();
+    Attachment(const Attachment&) = delete;
+    Attachment& operator=(const Attachment&) = delete;
+    int rc() const { return rc_; }
+
+  private:
+    int rc_;
+};
+
+// The region lock for as long as it lives: shmrm_rwlock / shmrm_rwunlock, or the read pair.
+class RegionLock {
+  public:
+    enum class Mode { kRead, kWrite };
+    RegionLock(Mode mode, unsigned int timeout_ms);
+    ~RegionLock();
+    RegionLock(const RegionLock&) = delete;
+    RegionLock& operator=(const RegionLock&) = delete;
+    int rc() const { return rc_; }
+
+  private:
+    Mode mode_;
+    int rc_;
+};
+
+// Attaches, takes the read lock, sizes and copies the region, releases, detaches.
+// Returns false with `failure` set when any step fails.
+bool take_region_bytes(unsigned int timeout_ms, Bytes& bytes, Failure& failure);
+
+// The tick count the library stamps progress with (milliseconds since boot, 32 bits).
+std::uint32_t tick_now();
+
+}  // namespace shmrmctl

@@ -1,0 +1,119 @@
+// A snapshot of the region decoded from its bytes, the invariant check, and the dump file.
+//
+// Everything here works from a byte buffer alone: no region, no library state. The decoder
+// trusts nothing in the bytes; whatever the header claims, it never reads past the end of the
+// buffer and reports what it could not decode as damage.
+#pragma once
+
+#include <array>
+#include <cstddef>
+#include <cstdint>
+#include <optional>
+#include <span>
+#include <string>
+#include <vector>
+
+namespace shmrmctl {
+
+using Bytes = std::vector<std::byte>;
+using ByteView = std::span<const std::byte>;
+
+struct Capacities {
+    int groups = 0;     // grpmax
+    int resources = 0;  // rscmax
+    int monitors = 0;   // monmax
+    bool operator==(const Capacities&) const = default;
+};
+
+struct Header {
+    Capacities caps;
+    int grpcnt = 0;
+    int moncnt = 0;
+    int acstat = 0;
+    int acstat2 = 0;
+    int pow32port = 0;
+};
+
+struct Resource {
+    std::string name;
+    std::string type;
+    std::string descript;
+    std::array<std::uint8_t, 256> free{};
+    std::string sv;
+    int stat = 0;
+    int focnt = 0;
+    int strtret = 0;
+    int stopret = 0;
+};
+
+struct Group {
+    std::string name;
+    std::string sv;
+    int stat = 0;
+    int env = 0;
+    int rsccnt = 0;  // as stored; `resources` holds the slots that could be decoded
+    std::uint16_t flag = 0;
+    int retrycnt = 0;
+    int focnt = 0;
+    std::vector<Resource> resources;
+};
+
+struct Monitor {
+    std::string name;
+    std::string type;
+    std::string descript;
+    int stat = 0;
+    int fo = 0;
+    int proc = 0;
+    int inst = 0;
+    int instdata = 0;
+    std::int16_t scriptcnt = 0;
+    std::int16_t restartcnt = 0;
+    std::int16_t finactcnt = 0;
+    int simuflag = 0;
+    int targetpid = 0;
+    int ret = 0;
+    int progress = 0;
+    int parentpid = 0;
+    std::uint32_t tick3 = 0;
+    std::uint32_t tick4 = 0;
+};
+
+struct Snapshot {
+    std::size_t size = 0;  // bytes decoded from
+    bool has_header = false;
+    Header header;
+    std::vector<Group> groups;
+    std::vector<Monitor> monitors;
+    std::vector<std::string> damage;  // what could not be decoded, and why
+};
+
+// Decodes the region's bytes. The layout (table positions) follows `layout` when given,
+// otherwise the capacities in the bytes' own header.
+Snapshot decode(ByteView bytes, std::optional<Capacities> layout = std::nullopt);
+
+// Every violated invariant of the region, one line each; empty for a healthy region.
+std::vector<std::string> check(ByteView bytes, std::optional<Capacities> layout = std::nullopt);
+
+// The dump file: a 40-byte header of our own (magic, version, header size, region size,
+// capacities), then the region's bytes.
+struct DumpFile {
+    Capacities caps;
+    Bytes bytes;
+    std::vector<std::string> damage;  // a truncated or overlong file; the bytes are what is there
+};
+inline constexpr char kDumpMagic[8] = {'V', 'E', 'X', 'S', 'H', 'M', 'D', '\0'};
+inline constexpr std::uint32_t kDumpVersion = 1;
+inline constexpr std::size_t kDumpHeaderSize = 40;
+
+Bytes encode_dump(ByteView region, Capacities caps);
+// Parses a dump file's contents; nullopt and `error` set when it is not a dump at all.
+std::optional<DumpFile> parse_dump(ByteView file, std::string& error);
+// Reads a whole file, refusing anything larger than a region can be; nullopt and `error` set
+// on failure.
+std::optional<Bytes> read_file(const std::string& path, std::string& error);
+
+// The capacities of a snapshot's header as written into a dump.
+Capacities header_caps(ByteView bytes);
+
+}  // namespace shmrmctl
