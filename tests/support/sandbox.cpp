@@ -6,28 +6,83 @@
 #include <sstream>
 #include <stdexcept>
 
+#if defined(_WIN32)
+#include <windows.h>
+#else
+#include <unistd.h>
+#endif
+
 namespace vextest {
 
 namespace fs = std::filesystem;
 
-Sandbox::Sandbox() {
+namespace {
+
+// A new, empty directory of the system's temporary folder.
+std::string make_temp_directory() {
+#if defined(_WIN32)
+    char temp[MAX_PATH + 1];
+    const DWORD n = GetTempPathA(sizeof temp, temp);
+    if (n == 0 || n > MAX_PATH) throw std::runtime_error("GetTempPath failed");
+    static unsigned serial = 0;
+    for (int attempt = 0; attempt < 100; ++attempt) {
+        const std::string path = std::string(temp) + "vexshmrm-test-" + process_id_text() + "-" +
+                                 std::to_string(++serial) + "-" + std::to_string(GetTickCount());
+        if (CreateDirectoryA(path.c_str(), nullptr)) return path;
+        if (GetLastError() != ERROR_ALREADY_EXISTS) break;
+    }
+    throw std::runtime_error("no temporary directory");
+#else
     std::string pattern = (fs::temp_directory_path() / "vexshmrm-test-XXXXXX").string();
     if (mkdtemp(pattern.data()) == nullptr) throw std::runtime_error("mkdtemp failed");
-    path_ = pattern;
+    return pattern;
+#endif
+}
+
+}  // namespace
+
+void set_env(const std::string& name, const std::string& value) {
+#if defined(_WIN32)
+    _putenv_s(name.c_str(), value.c_str());
+    SetEnvironmentVariableA(name.c_str(), value.c_str());
+#else
+    setenv(name.c_str(), value.c_str(), 1);
+#endif
+}
+
+void unset_env(const std::string& name) {
+#if defined(_WIN32)
+    _putenv_s(name.c_str(), "");
+    SetEnvironmentVariableA(name.c_str(), nullptr);
+#else
+    unsetenv(name.c_str());
+#endif
+}
+
+std::string process_id_text() {
+#if defined(_WIN32)
+    return std::to_string(GetCurrentProcessId());
+#else
+    return std::to_string(getpid());
+#endif
+}
+
+Sandbox::Sandbox() {
+    path_ = make_temp_directory();
     fs::create_directories(path_ + "/etc");
     if (const char* old = std::getenv("VEX_INSTALL_PATH")) {
         had_env_ = true;
         saved_env_ = old;
     }
-    setenv("VEX_INSTALL_PATH", path_.c_str(), 1);
+    set_env("VEX_INSTALL_PATH", path_);
     configure(Capacities{});
 }
 
 Sandbox::~Sandbox() {
     if (had_env_) {
-        setenv("VEX_INSTALL_PATH", saved_env_.c_str(), 1);
+        set_env("VEX_INSTALL_PATH", saved_env_);
     } else {
-        unsetenv("VEX_INSTALL_PATH");
+        unset_env("VEX_INSTALL_PATH");
     }
     std::error_code ec;
     fs::remove_all(path_, ec);

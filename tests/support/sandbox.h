@@ -6,6 +6,12 @@
 
 namespace vextest {
 
+// The test's environment, as the library and the processes the test starts see it.
+void set_env(const std::string& name, const std::string& value);
+void unset_env(const std::string& name);
+// This process's id, in decimal.
+std::string process_id_text();
+
 struct Capacities {
     int groups = 128;
     int resources = 16;
