@@ -207,95 +207,85 @@ void set_last_error(unsigned error) {
     t_last_error = error;
 }
 
-Handle create_named_mapping(std::uint64_t size, const char* name) {
-    char shm[kNameMax];
-    if (!shm_name(name, "", shm)) return nullptr;
-    if (size == 0 || size > static_cast<std::uint64_t>(INT64_MAX)) {
-        fail(EINVAL);
-        return nullptr;
-    }
-    Entry* e = take_entry(Kind::kMapping);
-    if (e == nullptr) return nullptr;
-    std::memcpy(e->shm, shm, sizeof shm);
+namespace {
 
-    Guard guard(shm);
-    if (!guard.ok()) {
-        free_entry(e);
-        return nullptr;
-    }
-    bool existed = false;
+// A description of the object named `shm` holding a shared lock on it, or -1 with errno set:
+// ENOENT when no process holds the object (a stale one is removed). Runs under the guard.
+int open_held(const char* shm) {
     int fd = shm_open_object(shm, 0);
-    if (fd >= 0) {
-        if (ofd_lock(fd, F_WRLCK)) {
-            // Nobody holds it: what is left of a region whose holders are gone.
-            shm_unlink(shm);
-            close(fd);
-            fd = -1;
-        } else if (ofd_lock(fd, F_RDLCK)) {
-            existed = true;
-        } else {
-            int err = errno;
-            close(fd);
-            free_entry(e);
-            fail(err);
-            return nullptr;
-        }
-    }
-    if (fd < 0) {
-        fd = shm_open_object(shm, O_CREAT | O_EXCL);
-        if (fd < 0 || no_eintr([&] { return ftruncate(fd, static_cast<off_t>(size)); }) != 0 ||
-            !ofd_lock(fd, F_RDLCK)) {
-            int err = errno;
-            if (fd >= 0) {
-                shm_unlink(shm);
-                close(fd);
-            }
-            free_entry(e);
-            fail(err);
-            return nullptr;
-        }
-    }
-    e->fd = fd;
-    t_last_error = existed ? kErrorAlreadyExists : 0;
-    return e;
-}
-
-Handle open_named_mapping(const char* name) {
-    char shm[kNameMax];
-    if (!shm_name(name, "", shm)) return nullptr;
-    Entry* e = take_entry(Kind::kMapping);
-    if (e == nullptr) return nullptr;
-    std::memcpy(e->shm, shm, sizeof shm);
-
-    Guard guard(shm);
-    if (!guard.ok()) {
-        free_entry(e);
-        return nullptr;
-    }
-    int fd = shm_open_object(shm, 0);
-    if (fd < 0) {
-        int err = errno;
-        free_entry(e);
-        fail(err == ENOENT ? static_cast<int>(kErrorFileNotFound) : err);
-        return nullptr;
-    }
+    if (fd < 0) return -1;
     if (ofd_lock(fd, F_WRLCK)) {
-        shm_unlink(shm);  // stale: no process holds it, so it does not exist
+        // Nobody holds it: what is left of a region whose holders are gone.
+        shm_unlink(shm);
         close(fd);
-        free_entry(e);
-        fail(static_cast<int>(kErrorFileNotFound));
-        return nullptr;
+        errno = ENOENT;
+        return -1;
     }
     if (!ofd_lock(fd, F_RDLCK)) {
         int err = errno;
         close(fd);
+        errno = err;
+        return -1;
+    }
+    return fd;
+}
+
+// A new object of `size` bytes named `shm`, holding a shared lock, or -1 with errno set.
+int create_held(const char* shm, std::uint64_t size) {
+    int fd = shm_open_object(shm, O_CREAT | O_EXCL);
+    if (fd < 0) return -1;
+    if (no_eintr([&] { return ftruncate(fd, static_cast<off_t>(size)); }) != 0 ||
+        !ofd_lock(fd, F_RDLCK)) {
+        int err = errno;
+        shm_unlink(shm);
+        close(fd);
+        errno = err;
+        return -1;
+    }
+    return fd;
+}
+
+// Runs `obtain` (returning a held description or -1 with errno) under the guard of the mapping
+// `name` and wraps its result in a handle.
+template <typename Obtain>
+Handle mapping_handle(const char* name, Obtain obtain) {
+    char shm[kNameMax];
+    if (!shm_name(name, "", shm)) return nullptr;
+    Entry* e = take_entry(Kind::kMapping);
+    if (e == nullptr) return nullptr;
+    std::memcpy(e->shm, shm, sizeof shm);
+    Guard guard(shm);
+    e->fd = guard.ok() ? obtain(shm) : -1;
+    if (e->fd < 0) {
+        int err = errno;
         free_entry(e);
-        fail(err);
+        if (guard.ok()) fail(err == ENOENT ? static_cast<int>(kErrorFileNotFound) : err);
         return nullptr;
     }
-    e->fd = fd;
-    t_last_error = 0;
     return e;
+}
+
+}  // namespace
+
+Handle create_named_mapping(std::uint64_t size, const char* name) {
+    if (size == 0 || size > static_cast<std::uint64_t>(INT64_MAX)) {
+        fail(EINVAL);
+        return nullptr;
+    }
+    bool existed = false;
+    Handle h = mapping_handle(name, [&](const char* shm) {
+        int fd = open_held(shm);
+        existed = fd >= 0;
+        return fd >= 0 || errno != ENOENT ? fd : create_held(shm, size);
+    });
+    if (h != nullptr) t_last_error = existed ? kErrorAlreadyExists : 0;
+    return h;
+}
+
+Handle open_named_mapping(const char* name) {
+    Handle h = mapping_handle(name, open_held);
+    if (h != nullptr) t_last_error = 0;
+    return h;
 }
 
 void* map_view(Handle mapping, std::size_t* mapped) {
