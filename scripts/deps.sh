@@ -1,9 +1,32 @@
 #!/usr/bin/env bash
-# Installs the Debian packages the build and the tests need, when any is missing.
+# Installs the Debian packages the build and the tests need, when any is missing, and makes the
+# pugixml source package reachable for the Windows cross build (apt-get source needs a deb-src
+# entry: one is added beside the machine's own sources, mirroring them).
 set -euo pipefail
 
 packages=(cmake make g++ binutils pkg-config libpugixml-dev googletest libgtest-dev libgmock-dev
-          libbenchmark-dev clang-format libcli11-dev nlohmann-json3-dev libfmt-dev tmux)
+          libbenchmark-dev clang-format libcli11-dev nlohmann-json3-dev libfmt-dev tmux
+          g++-mingw-w64-x86-64-posix binutils-mingw-w64-x86-64 wine wine64)
+
+sudo=""
+if [ "$(id -u)" -ne 0 ]; then sudo="sudo"; fi
+
+updated=""
+update() {
+  if [ -z "$updated" ]; then
+    $sudo apt-get update -qq
+    updated=1
+  fi
+}
+
+src_list=/etc/apt/sources.list.d/vexshmrm-src.sources
+if [ ! -e "$src_list" ] && [ -e /etc/apt/sources.list.d/debian.sources ] &&
+   ! grep -rqs '^Types:.*deb-src\|^deb-src' /etc/apt/sources.list /etc/apt/sources.list.d/; then
+  echo "adding deb-src entries: $src_list"
+  sed 's/^Types:.*/Types: deb-src/' /etc/apt/sources.list.d/debian.sources |
+    $sudo tee "$src_list" >/dev/null
+  update
+fi
 
 missing=()
 for p in "${packages[@]}"; do
@@ -13,8 +36,6 @@ for p in "${packages[@]}"; do
 done
 if ((${#missing[@]})); then
   echo "installing: ${missing[*]}"
-  sudo=""
-  if [ "$(id -u)" -ne 0 ]; then sudo="sudo"; fi
-  $sudo apt-get update -qq
+  update
   DEBIAN_FRONTEND=noninteractive $sudo apt-get install -y -qq --no-install-recommends "${missing[@]}"
 fi

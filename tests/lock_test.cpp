@@ -2,7 +2,8 @@
 // left behind by a thread that ended.
 #include <gtest/gtest.h>
 
-#include <semaphore>
+#include <condition_variable>
+#include <mutex>
 #include <thread>
 #include <utility>
 
@@ -25,6 +26,25 @@ int probe() {
     return result;
 }
 
+// A one-shot event. (std::binary_semaphore loses wake-ups in the MinGW-w64 GCC 12 runtime.)
+class Signal {
+  public:
+    void release() {
+        std::lock_guard lock(mutex_);
+        set_ = true;
+        cv_.notify_all();
+    }
+    void acquire() {
+        std::unique_lock lock(mutex_);
+        cv_.wait(lock, [this] { return set_; });
+    }
+
+  private:
+    std::mutex mutex_;
+    std::condition_variable cv_;
+    bool set_ = false;
+};
+
 // Holds the lock on a thread of its own until release() or destruction.
 class Holder {
   public:
@@ -43,7 +63,7 @@ class Holder {
     }
 
   private:
-    std::binary_semaphore locked_{0}, release_{0};
+    Signal locked_, release_;
     bool released_ = false;
     std::jthread thread_;
 };

@@ -86,7 +86,7 @@ TEST_F(XmlTest, ConfigThatIsADirectoryIsUnreadable) {
 }
 
 TEST_F(XmlTest, MissingInstallPathFailsTheLoad) {
-    setenv("VEX_INSTALL_PATH", (sandbox_.path() + "/nowhere").c_str(), 1);
+    vextest::set_env("VEX_INSTALL_PATH", sandbox_.path() + "/nowhere");
     ASSERT_EQ(vex::xmllib_init("shmrm"), 0);
     EXPECT_EQ(vex::xmllib_load_config(0), vex::kXmlNoInstallPath);
 }

@@ -1,5 +1,12 @@
 #include "support/child.h"
 
+#include <chrono>
+#include <stdexcept>
+#include <thread>
+
+#if defined(_WIN32)
+#include <windows.h>
+#else
 #include <fcntl.h>
 #include <poll.h>
 #include <signal.h>
@@ -8,27 +15,218 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <chrono>
-#include <stdexcept>
-#include <thread>
 
 extern char** environ;
+#endif
 
 namespace vextest {
 
-Child::Child(const std::vector<std::string>& extra_env, const std::string& program) {
-    // The test's environment, with the extra entries replacing any of the same name.
-    std::vector<std::string> env_strings(extra_env);
-    for (char** e = environ; *e != nullptr; ++e) {
-        std::string entry(*e);
-        bool replaced = false;
+namespace {
+
+// The test's environment, with the extra entries replacing any of the same name.
+std::vector<std::string> environment(const std::vector<std::string>& extra_env) {
+    std::vector<std::string> env(extra_env);
+    auto add = [&](const std::string& entry) {
         for (const auto& extra : extra_env) {
-            replaced |= entry.compare(0, extra.find('=') + 1, extra, 0, extra.find('=') + 1) == 0;
+            const auto key = extra.find('=') + 1;
+            if (entry.compare(0, key, extra, 0, key) == 0) return;
         }
-        if (!replaced) env_strings.push_back(entry);
+        env.push_back(entry);
+    };
+#if defined(_WIN32)
+    char* block = GetEnvironmentStringsA();
+    for (const char* e = block; *e != '\0'; e += std::char_traits<char>::length(e) + 1)
+        add(e);
+    FreeEnvironmentStringsA(block);
+#else
+    for (char** e = environ; *e != nullptr; ++e)
+        add(*e);
+#endif
+    return env;
+}
+
+using Clock = std::chrono::steady_clock;
+
+int left_ms(Clock::time_point deadline) {
+    auto left =
+        std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now()).count();
+    return left > 0 ? static_cast<int>(left) : 0;
+}
+
+#if defined(_WIN32)
+
+std::string windows_path(std::string path) {
+    for (char& c : path)
+        if (c == '/') c = '\\';
+    return path;
+}
+
+// The test's standard error as a handle a child can inherit; null when there is none.
+HANDLE inheritable_stderr() {
+    HANDLE copy = nullptr;
+    const HANDLE err = GetStdHandle(STD_ERROR_HANDLE);
+    if (err == nullptr || err == INVALID_HANDLE_VALUE ||
+        !DuplicateHandle(GetCurrentProcess(), err, GetCurrentProcess(), &copy, 0, TRUE,
+                         DUPLICATE_SAME_ACCESS)) {
+        return nullptr;
     }
+    return copy;
+}
+
+// Starts a program with the given standard handles, which it inherits, and nothing else.
+HANDLE start(const std::vector<std::string>& args, const std::vector<std::string>& extra_env,
+             HANDLE in, HANDLE out, HANDLE err) {
+    std::string command;
+    for (const std::string& arg : args)
+        command += (command.empty() ? "\"" : " \"") + arg + "\"";
+    std::string block;
+    for (const std::string& entry : environment(extra_env))
+        block += entry + '\0';
+    block += '\0';
+
+    std::vector<HANDLE> inherit;
+    for (HANDLE h : {in, out, err}) {
+        bool seen = h == nullptr;
+        for (HANDLE other : inherit)
+            seen |= other == h;
+        if (!seen) inherit.push_back(h);
+    }
+    SIZE_T size = 0;
+    InitializeProcThreadAttributeList(nullptr, 1, 0, &size);
+    std::vector<char> list_storage(size);
+    auto* list = reinterpret_cast<LPPROC_THREAD_ATTRIBUTE_LIST>(list_storage.data());
+    if (inherit.empty() || !InitializeProcThreadAttributeList(list, 1, 0, &size) ||
+        !UpdateProcThreadAttribute(list, 0, PROC_THREAD_ATTRIBUTE_HANDLE_LIST, inherit.data(),
+                                   sizeof(HANDLE) * inherit.size(), nullptr, nullptr)) {
+        throw std::runtime_error("cannot set up the handles to inherit");
+    }
+    STARTUPINFOEXA info{};
+    info.StartupInfo.cb = sizeof info;
+    info.StartupInfo.dwFlags = STARTF_USESTDHANDLES;
+    info.StartupInfo.hStdInput = in;
+    info.StartupInfo.hStdOutput = out;
+    info.StartupInfo.hStdError = err;
+    info.lpAttributeList = list;
+    PROCESS_INFORMATION process{};
+    const std::string program = windows_path(args.front());
+    const BOOL ok = CreateProcessA(program.c_str(), command.data(), nullptr, nullptr, TRUE,
+                                   EXTENDED_STARTUPINFO_PRESENT, block.data(), nullptr,
+                                   &info.StartupInfo, &process);
+    DeleteProcThreadAttributeList(list);
+    if (!ok) return nullptr;
+    CloseHandle(process.hThread);
+    return process.hProcess;
+}
+
+#endif
+
+}  // namespace
+
+#if defined(_WIN32)
+
+Child::Child(const std::vector<std::string>& extra_env, const std::string& program) {
+    SECURITY_ATTRIBUTES inheritable{sizeof(SECURITY_ATTRIBUTES), nullptr, TRUE};
+    HANDLE child_in = nullptr;
+    HANDLE child_out = nullptr;
+    if (!CreatePipe(&child_in, &in_, &inheritable, 0)) throw std::runtime_error("pipe failed");
+    if (!CreatePipe(&out_, &child_out, &inheritable, 0)) {
+        CloseHandle(child_in);
+        CloseHandle(in_);
+        throw std::runtime_error("pipe failed");
+    }
+    SetHandleInformation(in_, HANDLE_FLAG_INHERIT, 0);
+    SetHandleInformation(out_, HANDLE_FLAG_INHERIT, 0);
+    HANDLE child_err = inheritable_stderr();
+    process_ = start({program}, extra_env, child_in, child_out, child_err);
+    CloseHandle(child_in);
+    CloseHandle(child_out);
+    if (child_err != nullptr) CloseHandle(child_err);
+    if (process_ == nullptr) {
+        CloseHandle(in_);
+        CloseHandle(out_);
+        throw std::runtime_error("CreateProcess failed: " + program);
+    }
+}
+
+Child::~Child() {
+    if (in_ != nullptr) CloseHandle(in_);
+    if (process_ != nullptr && wait_exit(10000) == -1) kill_hard();
+    if (out_ != nullptr) CloseHandle(out_);
+}
+
+void Child::send(const std::string& command) {
+    const std::string line = command + "\n";
+    DWORD written = 0;
+    WriteFile(in_, line.data(), static_cast<DWORD>(line.size()), &written, nullptr);
+}
+
+bool Child::read_some(int timeout_ms) {
+    // Anonymous pipes cannot be waited on: look for data, a little at a time.
+    const auto deadline = Clock::now() + std::chrono::milliseconds(timeout_ms);
+    for (;;) {
+        DWORD available = 0;
+        if (!PeekNamedPipe(out_, nullptr, 0, nullptr, &available, nullptr)) return false;
+        if (available > 0) {
+            char buf[512];
+            DWORD n = 0;
+            if (!ReadFile(out_, buf, sizeof buf, &n, nullptr) || n == 0) return false;
+            buffered_.append(buf, n);
+            return true;
+        }
+        if (left_ms(deadline) == 0) return true;
+        Sleep(1);
+    }
+}
+
+int Child::wait_exit(int timeout_ms) {
+    if (process_ == nullptr) return -1;
+    if (WaitForSingleObject(process_, static_cast<DWORD>(timeout_ms)) != WAIT_OBJECT_0) return -1;
+    DWORD code = 0;
+    GetExitCodeProcess(process_, &code);
+    CloseHandle(process_);
+    process_ = nullptr;
+    return static_cast<int>(code);
+}
+
+void Child::kill_hard() {
+    if (process_ == nullptr) return;
+    TerminateProcess(process_, 9);
+    WaitForSingleObject(process_, INFINITE);
+    CloseHandle(process_);
+    process_ = nullptr;
+}
+
+std::vector<int> run_together(const std::vector<std::vector<std::string>>& commands,
+                              int timeout_ms) {
+    HANDLE err = inheritable_stderr();
+    std::vector<HANDLE> processes;
+    for (const auto& args : commands)
+        processes.push_back(start(args, {}, nullptr, err, err));
+    if (err != nullptr) CloseHandle(err);
+    const auto deadline = Clock::now() + std::chrono::milliseconds(timeout_ms);
+    std::vector<int> codes;
+    for (HANDLE p : processes) {
+        DWORD code = static_cast<DWORD>(-1);
+        if (p != nullptr) {
+            if (WaitForSingleObject(p, static_cast<DWORD>(left_ms(deadline))) != WAIT_OBJECT_0 ||
+                !GetExitCodeProcess(p, &code)) {
+                TerminateProcess(p, 9);
+                code = static_cast<DWORD>(-1);
+            }
+            CloseHandle(p);
+        }
+        codes.push_back(static_cast<int>(code));
+    }
+    return codes;
+}
+
+#else
+
+Child::Child(const std::vector<std::string>& extra_env, const std::string& program) {
+    std::vector<std::string> env_strings = environment(extra_env);
     std::vector<char*> envp;
-    for (auto& e : env_strings) envp.push_back(e.data());
+    for (auto& e : env_strings)
+        envp.push_back(e.data());
     envp.push_back(nullptr);
 
     int to_child[2];
@@ -73,8 +271,85 @@ void Child::send(const std::string& command) {
     }
 }
 
+bool Child::read_some(int timeout_ms) {
+    for (;;) {
+        pollfd pfd{out_, POLLIN, 0};
+        int r = poll(&pfd, 1, timeout_ms);
+        if (r < 0 && errno == EINTR) continue;
+        if (r <= 0) return true;
+        char buf[512];
+        ssize_t n = read(out_, buf, sizeof buf);
+        if (n < 0 && errno == EINTR) continue;
+        if (n <= 0) return false;
+        buffered_.append(buf, static_cast<std::size_t>(n));
+        return true;
+    }
+}
+
+int Child::wait_exit(int timeout_ms) {
+    if (pid_ <= 0) return -1;
+    auto deadline = Clock::now() + std::chrono::milliseconds(timeout_ms);
+    for (;;) {
+        int status = 0;
+        pid_t r = waitpid(pid_, &status, WNOHANG);
+        if (r == pid_) {
+            pid_ = -1;
+            return status;
+        }
+        if (r < 0 || Clock::now() >= deadline) return -1;
+        std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    }
+}
+
+void Child::kill_hard() {
+    if (pid_ <= 0) return;
+    ::kill(pid_, SIGKILL);
+    int status = 0;
+    waitpid(pid_, &status, 0);
+    pid_ = -1;
+}
+
+std::vector<int> run_together(const std::vector<std::vector<std::string>>& commands,
+                              int timeout_ms) {
+    std::vector<pid_t> pids;
+    for (const auto& args : commands) {
+        std::vector<std::string> copy(args);
+        std::vector<char*> argv;
+        for (std::string& arg : copy)
+            argv.push_back(arg.data());
+        argv.push_back(nullptr);
+        pid_t pid = -1;
+        if (posix_spawn(&pid, argv[0], nullptr, nullptr, argv.data(), environ) != 0) pid = -1;
+        pids.push_back(pid);
+    }
+    const auto deadline = Clock::now() + std::chrono::milliseconds(timeout_ms);
+    std::vector<int> codes;
+    for (pid_t pid : pids) {
+        int code = -1;
+        while (pid > 0) {
+            int status = 0;
+            const pid_t r = waitpid(pid, &status, WNOHANG);
+            if (r == pid) {
+                if (WIFEXITED(status)) code = WEXITSTATUS(status);
+                break;
+            }
+            if (r < 0) break;
+            if (Clock::now() >= deadline) {
+                ::kill(pid, SIGKILL);
+                waitpid(pid, &status, 0);
+                break;
+            }
+            std::this_thread::sleep_for(std::chrono::milliseconds(5));
+        }
+        codes.push_back(code);
+    }
+    return codes;
+}
+
+#endif
+
 std::string Child::reply(int timeout_ms) {
-    auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeout_ms);
+    const auto deadline = Clock::now() + std::chrono::milliseconds(timeout_ms);
     for (;;) {
         auto nl = buffered_.find('\n');
         if (nl != std::string::npos) {
@@ -82,19 +357,9 @@ std::string Child::reply(int timeout_ms) {
             buffered_.erase(0, nl + 1);
             return line;
         }
-        auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
-                        deadline - std::chrono::steady_clock::now())
-                        .count();
-        if (left <= 0) return "timeout";
-        pollfd pfd{out_, POLLIN, 0};
-        int r = poll(&pfd, 1, static_cast<int>(left));
-        if (r < 0 && errno == EINTR) continue;
-        if (r <= 0) return "timeout";
-        char buf[512];
-        ssize_t n = read(out_, buf, sizeof buf);
-        if (n < 0 && errno == EINTR) continue;
-        if (n <= 0) return "eof";
-        buffered_.append(buf, static_cast<std::size_t>(n));
+        const int left = left_ms(deadline);
+        if (left == 0) return "timeout";
+        if (!read_some(left)) return "eof";
     }
 }
 
@@ -110,29 +375,6 @@ int Child::rc(const std::string& command, int timeout_ms) {
     } catch (...) {
         return -1000;  // no result: "timeout", "eof" or an unknown command
     }
-}
-
-int Child::wait_exit(int timeout_ms) {
-    if (pid_ <= 0) return -1;
-    auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeout_ms);
-    for (;;) {
-        int status = 0;
-        pid_t r = waitpid(pid_, &status, WNOHANG);
-        if (r == pid_) {
-            pid_ = -1;
-            return status;
-        }
-        if (r < 0 || std::chrono::steady_clock::now() >= deadline) return -1;
-        std::this_thread::sleep_for(std::chrono::milliseconds(5));
-    }
-}
-
-void Child::kill_hard() {
-    if (pid_ <= 0) return;
-    ::kill(pid_, SIGKILL);
-    int status = 0;
-    waitpid(pid_, &status, 0);
-    pid_ = -1;
 }
 
 }  // namespace vextest

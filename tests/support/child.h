@@ -2,10 +2,12 @@
 // driven one command at a time through its standard input and output. Every wait is bounded.
 #pragma once
 
-#include <sys/types.h>
-
 #include <string>
 #include <vector>
+
+#if !defined(_WIN32)
+#include <sys/types.h>
+#endif
 
 namespace vextest {
 
@@ -15,7 +17,7 @@ class Child {
     // test's own environment.
     explicit Child(const std::vector<std::string>& extra_env = {},
                    const std::string& program = VEX_CHILD_EXE);
-    ~Child();  // ends the child: end of input, then SIGKILL if it does not exit in time
+    ~Child();  // ends the child: end of input, then a hard kill if it does not exit in time
     Child(const Child&) = delete;
     Child& operator=(const Child&) = delete;
 
@@ -25,19 +27,33 @@ class Child {
     int rc(const std::string& command, int timeout_ms = 20000);
     // Sends a command without waiting for the reply (for a command that blocks).
     void send(const std::string& command);
-    // The next reply line, waiting at most timeout_ms.
+    // The next reply line, waiting at most timeout_ms; "eof" when the child's output ended.
     std::string reply(int timeout_ms = 20000);
 
-    void kill_hard();  // SIGKILL and reap
+    void kill_hard();  // ends the process at once (SIGKILL, TerminateProcess) and reaps it
     // Waits for the child to exit; its exit status, or -1 on time-out.
     int wait_exit(int timeout_ms = 20000);
-    pid_t pid() const { return pid_; }
 
   private:
+    // Reads what the child has written, waiting at most timeout_ms; false at end of output.
+    bool read_some(int timeout_ms);
+
+#if defined(_WIN32)
+    void* process_ = nullptr;
+    void* in_ = nullptr;   // child's stdin
+    void* out_ = nullptr;  // child's stdout
+#else
     pid_t pid_ = -1;
     int in_ = -1;   // child's stdin
     int out_ = -1;  // child's stdout
+#endif
     std::string buffered_;
 };
+
+// Runs programs side by side, each given as its path and arguments, with the test's
+// environment; returns their exit codes once all have ended (-1: not started or not ended in
+// time).
+std::vector<int> run_together(const std::vector<std::vector<std::string>>& commands,
+                              int timeout_ms = 120000);
 
 }  // namespace vextest

@@ -1,7 +1,6 @@
 // A process of the node for tests: it loads the library like any caller and runs one command
 // per line of standard input, answering each with one line: the result code, then any values.
 // End of input ends the process.
-#include <unistd.h>
 #include <cstdio>
 #include <cstdlib>
 #include <iostream>
@@ -10,6 +9,15 @@
 #include <thread>
 
 #include "vexshmrm.h"
+
+#if defined(_WIN32)
+#include <fcntl.h>
+#include <io.h>
+#include <process.h>
+#define getpid _getpid
+#else
+#include <unistd.h>
+#endif
 
 namespace {
 
@@ -88,6 +96,10 @@ std::string run(const std::string& line) {
 }  // namespace
 
 int main() {
+#if defined(_WIN32)
+    // Replies end in a plain "\n", as on every system.
+    _setmode(_fileno(stdout), _O_BINARY);
+#endif
     std::string line;
     while (std::getline(std::cin, line)) {
         if (line == "exit") return 0;

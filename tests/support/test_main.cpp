@@ -1,17 +1,41 @@
 // Every test process gets an IPC namespace of its own, so that tests running in parallel never
-// meet. The library reads the namespace when it is loaded, before main, so the process starts
-// itself again with the variable set.
+// meet. The library reads the namespace when it is loaded. On POSIX systems that happens before
+// main, so the process starts itself again with the variable set; on Windows the test program
+// holds the library's objects itself and loads them here, as the DLL's entry point would.
 #include <gtest/gtest.h>
-#include <unistd.h>
 
 #include <cstdio>
 #include <cstdlib>
 #include <string>
 
+#include "support/sandbox.h"
+
+#if defined(_WIN32)
+#include <fcntl.h>
+#include <io.h>
+
+#include "shmrm_internal.h"
+
+int main(int argc, char** argv) {
+    // Plain "\n" line ends, as the test runner reading the output expects.
+    _setmode(_fileno(stdout), _O_BINARY);
+    if (std::getenv("VEX_IPC_NAMESPACE") == nullptr)
+        vextest::set_env("VEX_IPC_NAMESPACE", "vextest" + vextest::process_id_text());
+    if (!shmrm::load()) {
+        std::fprintf(stderr, "the region lock cannot be obtained\n");
+        return 1;
+    }
+    testing::InitGoogleTest(&argc, argv);
+    const int rc = RUN_ALL_TESTS();
+    shmrm::unload();
+    return rc;
+}
+#else
+#include <unistd.h>
+
 int main(int argc, char** argv) {
     if (std::getenv("VEX_IPC_NAMESPACE") == nullptr) {
-        std::string ns = "vextest" + std::to_string(getpid());
-        setenv("VEX_IPC_NAMESPACE", ns.c_str(), 1);
+        vextest::set_env("VEX_IPC_NAMESPACE", "vextest" + vextest::process_id_text());
         execv("/proc/self/exe", argv);
         std::perror("execv");
         return 1;
@@ -19,3 +43,4 @@ int main(int argc, char** argv) {
     testing::InitGoogleTest(&argc, argv);
     return RUN_ALL_TESTS();
 }
+#endif

@@ -24,10 +24,14 @@ inline constexpr unsigned kInfinite = 0xFFFFFFFFu;
 unsigned last_error();
 void set_last_error(unsigned error);
 
+// Object names are non-empty and hold no '/'; other names are refused.
+
 // A named, memory-backed mapping that lives exactly while some process holds a handle to it or
-// a view of it; a process that dies releases what it held. After a successful create the last
-// error is kErrorAlreadyExists exactly when the mapping existed before the call (its size is
-// then the existing one). open fails with kErrorFileNotFound when no process holds the mapping.
+// a view of it; a process that dies releases what it held. (On Windows its name can no longer
+// be opened once the last handle is closed; the library keeps a handle with every view.) After a
+// successful create the last error is kErrorAlreadyExists exactly when the mapping existed before
+// the call (its size is then the existing one). open fails with kErrorFileNotFound when no process
+// holds the mapping.
 Handle create_named_mapping(std::uint64_t size, const char* name);
 Handle open_named_mapping(const char* name);
 // Maps the whole mapping read-write; *mapped receives its length.

@@ -88,7 +88,32 @@ void trace_write(int level, const char* file, int line, const char* tag, const c
 
 }  // namespace shmrm
 
-#if !defined(_WIN32)
+#if defined(_WIN32)
+#include <windows.h>
+
+// The DLL's entry point. A process that cannot obtain the region lock does not get the library:
+// the load fails.
+extern "C" BOOL WINAPI DllMain(HINSTANCE /*module*/, DWORD reason, LPVOID /*reserved*/) {
+    static bool attached = false;
+    switch (reason) {
+        case DLL_PROCESS_ATTACH:
+            if (!shmrm::load()) {
+                shmrm::g.init_lock.destroy();
+                shmrm::g.log_lock.destroy();
+                return FALSE;
+            }
+            attached = true;
+            return TRUE;
+        case DLL_PROCESS_DETACH:
+            // Also called after a refused attach, when there is nothing left to release.
+            if (attached) shmrm::unload();
+            attached = false;
+            return TRUE;
+        default:
+            return TRUE;
+    }
+}
+#else
 namespace {
 
 __attribute__((constructor)) void on_load() {

@@ -1,0 +1,225 @@
+// os.h on Win32. The kernel's named mappings and mutexes already have the lifetimes and the
+// ownership rules that os.h describes, so every call maps onto one or two system calls.
+#include <windows.h>
+
+#include <cstring>
+#include <new>
+
+#include "os.h"
+
+namespace vex::os {
+
+namespace {
+
+static_assert(kErrorFileNotFound == ERROR_FILE_NOT_FOUND);
+static_assert(kErrorAlreadyExists == ERROR_ALREADY_EXISTS);
+static_assert(kWaitObject0 == WAIT_OBJECT_0 && kWaitAbandoned == WAIT_ABANDONED &&
+              kWaitTimeout == WAIT_TIMEOUT && kWaitFailed == WAIT_FAILED && kInfinite == INFINITE);
+
+// Object names are plain: non-empty and without '/', as on every system the library runs on.
+bool usable_name(const char* name) {
+    if (name != nullptr && *name != '\0' && std::strchr(name, '/') == nullptr) return true;
+    SetLastError(ERROR_INVALID_NAME);
+    return false;
+}
+
+// Handles of mappings are inheritable, as the node's processes have always opened them.
+SECURITY_ATTRIBUTES* inheritable() {
+    static SECURITY_ATTRIBUTES attributes{sizeof(SECURITY_ATTRIBUTES), nullptr, TRUE};
+    return &attributes;
+}
+
+HANDLE handle_of(const AppendFile* file) {
+    return reinterpret_cast<HANDLE>(file->fd);
+}
+
+bool same_file(HANDLE a, HANDLE b) {
+    BY_HANDLE_FILE_INFORMATION x{};
+    BY_HANDLE_FILE_INFORMATION y{};
+    return GetFileInformationByHandle(a, &x) != 0 && GetFileInformationByHandle(b, &y) != 0 &&
+           x.dwVolumeSerialNumber == y.dwVolumeSerialNumber &&
+           x.nFileIndexHigh == y.nFileIndexHigh && x.nFileIndexLow == y.nFileIndexLow;
+}
+
+CRITICAL_SECTION* section(unsigned char* storage) {
+    return std::launder(reinterpret_cast<CRITICAL_SECTION*>(storage));
+}
+
+}  // namespace
+
+unsigned last_error() {
+    return GetLastError();
+}
+void set_last_error(unsigned error) {
+    SetLastError(error);
+}
+
+Handle create_named_mapping(std::uint64_t size, const char* name) {
+    if (!usable_name(name)) return nullptr;
+    if (size == 0) {
+        SetLastError(ERROR_INVALID_PARAMETER);
+        return nullptr;
+    }
+    return CreateFileMappingA(INVALID_HANDLE_VALUE, inheritable(), PAGE_READWRITE,
+                              static_cast<DWORD>(size >> 32), static_cast<DWORD>(size), name);
+}
+
+Handle open_named_mapping(const char* name) {
+    if (!usable_name(name)) return nullptr;
+    return OpenFileMappingA(FILE_MAP_ALL_ACCESS, TRUE, name);
+}
+
+void* map_view(Handle mapping, std::size_t* mapped) {
+    void* view = MapViewOfFile(mapping, FILE_MAP_WRITE, 0, 0, 0);
+    if (view == nullptr) return nullptr;
+    MEMORY_BASIC_INFORMATION info{};
+    if (VirtualQuery(view, &info, sizeof info) == 0) {
+        const DWORD error = GetLastError();
+        UnmapViewOfFile(view);
+        SetLastError(error);
+        return nullptr;
+    }
+    if (mapped != nullptr) *mapped = info.RegionSize;
+    return view;
+}
+
+bool unmap_view(void* view) {
+    return UnmapViewOfFile(view) != 0;
+}
+
+Handle create_named_mutex(const char* name) {
+    if (!usable_name(name)) return nullptr;
+    return CreateMutexA(nullptr, FALSE, name);
+}
+
+unsigned wait_mutex(Handle mutex, unsigned timeout_ms) {
+    return WaitForSingleObject(mutex, timeout_ms);
+}
+
+bool release_mutex(Handle mutex) {
+    return ReleaseMutex(mutex) != 0;
+}
+
+bool close_handle(Handle handle) {
+    return CloseHandle(handle) != 0;
+}
+
+void LocalLock::init() {
+    static_assert(sizeof(storage_) >= sizeof(CRITICAL_SECTION));
+    static_assert(alignof(CRITICAL_SECTION) <= 16);
+    InitializeCriticalSection(new (storage_) CRITICAL_SECTION);
+}
+void LocalLock::destroy() {
+    DeleteCriticalSection(section(storage_));
+}
+void LocalLock::enter() {
+    EnterCriticalSection(section(storage_));
+}
+void LocalLock::leave() {
+    LeaveCriticalSection(section(storage_));
+}
+
+void sleep_ms(unsigned ms) {
+    Sleep(ms);
+}
+
+unsigned tick_count() {
+    return GetTickCount();
+}
+
+unsigned long process_id() {
+    return GetCurrentProcessId();
+}
+unsigned long thread_id() {
+    return GetCurrentThreadId();
+}
+
+// ---- Files ----------------------------------------------------------------------------------
+
+bool is_directory(const char* path) {
+    const DWORD attributes = GetFileAttributesA(path);
+    return attributes != INVALID_FILE_ATTRIBUTES && (attributes & FILE_ATTRIBUTE_DIRECTORY) != 0;
+}
+
+bool make_directory(const char* path) {
+    if (CreateDirectoryA(path, nullptr) != 0) return true;
+    return GetLastError() == ERROR_ALREADY_EXISTS && is_directory(path);
+}
+
+char path_separator() {
+    return '\\';
+}
+
+bool append_open(AppendFile* file, const char* path) {
+    append_close(file);
+    // Append-only writes land at the end of the file whoever else writes it. Reading is asked
+    // for only because locking needs it. Other processes may write, rename and replace the
+    // file while it is open here.
+    HANDLE h = CreateFileA(path, FILE_APPEND_DATA | FILE_READ_DATA | SYNCHRONIZE,
+                           FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, nullptr,
+                           OPEN_ALWAYS, FILE_ATTRIBUTE_NORMAL, nullptr);
+    if (h == INVALID_HANDLE_VALUE) return false;
+    file->fd = reinterpret_cast<std::intptr_t>(h);
+    return true;
+}
+
+void append_close(AppendFile* file) {
+    if (file->fd == -1) return;
+    CloseHandle(handle_of(file));
+    file->fd = -1;
+}
+
+bool append_write(AppendFile* file, const void* data, std::size_t len) {
+    if (file->fd == -1) return false;
+    const char* p = static_cast<const char*>(data);
+    while (len > 0) {
+        const DWORD chunk = len > 0x40000000u ? 0x40000000u : static_cast<DWORD>(len);
+        DWORD written = 0;
+        if (WriteFile(handle_of(file), p, chunk, &written, nullptr) == 0 || written == 0) {
+            return false;
+        }
+        p += written;
+        len -= written;
+    }
+    return true;
+}
+
+std::int64_t append_size(AppendFile* file) {
+    LARGE_INTEGER size{};
+    if (file->fd == -1 || GetFileSizeEx(handle_of(file), &size) == 0) return -1;
+    return size.QuadPart;
+}
+
+bool append_is_current(AppendFile* file, const char* path) {
+    if (file->fd == -1) return false;
+    HANDLE named = CreateFileA(path, 0, FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE,
+                               nullptr, OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL, nullptr);
+    if (named == INVALID_HANDLE_VALUE) return false;
+    const bool same = same_file(handle_of(file), named);
+    CloseHandle(named);
+    return same;
+}
+
+bool file_lock(AppendFile* file) {
+    if (file->fd == -1) return false;
+    OVERLAPPED at{};
+    return LockFileEx(handle_of(file), LOCKFILE_EXCLUSIVE_LOCK, 0, MAXDWORD, MAXDWORD, &at) != 0;
+}
+
+void file_unlock(AppendFile* file) {
+    if (file->fd == -1) return;
+    OVERLAPPED at{};
+    UnlockFileEx(handle_of(file), 0, MAXDWORD, MAXDWORD, &at);
+}
+
+bool rename_replace(const char* from, const char* to) {
+    return MoveFileExA(from, to, MOVEFILE_REPLACE_EXISTING) != 0;
+}
+
+LocalTime local_time() {
+    SYSTEMTIME t{};
+    GetLocalTime(&t);
+    return LocalTime{t.wYear, t.wMonth, t.wDay, t.wHour, t.wMinute, t.wSecond, t.wMilliseconds};
+}
+
+}  // namespace vex::os
