@@ -2,7 +2,9 @@
 // process mapped, the lookups, the name lists and the bounded text copies.
 #pragma once
 
+#include <bit>
 #include <cstddef>
+#include <cstdint>
 #include <cstring>
 
 #include "shmrm_internal.h"
@@ -11,21 +13,57 @@ namespace shmrm {
 
 // A lookup key given by a caller. A null key matches everything; a key of 32 characters or more
 // matches nothing, since a stored name keeps at most 31 (found without scanning the field).
+//
+// A match compares the key's characters and its NUL, and nothing after them, with the start of
+// the 32-byte field. The last 8 of those bytes (all of them, masked, for a key below 7
+// characters) are kept as one word and compared first: names that share a prefix differ at
+// their end, so most fields of a scan are passed over with one load and compare, and only a
+// field whose end matches has its remaining head compared.
 class Key {
   public:
-    explicit Key(const char* s) : s_(s), len_(s ? ::strnlen(s, SHMRM_NAME_LEN) : 0) {}
+    explicit Key(const char* s) : s_(s), len_(s ? ::strnlen(s, SHMRM_NAME_LEN) : 0) {
+        if (s_ == nullptr || len_ == SHMRM_NAME_LEN) return;  // never compared
+        if (len_ >= 7) {
+            at_ = len_ - 7;
+            std::memcpy(&tail_, s_ + at_, sizeof tail_);  // ends with the NUL
+            mask_ = ~std::uint64_t{0};
+        } else {
+            unsigned char bytes[8] = {};
+            for (std::size_t i = 0; i < len_; ++i)
+                bytes[i] = static_cast<unsigned char>(s_[i]);
+            std::memcpy(&tail_, bytes, sizeof tail_);
+            mask_ = first_bytes(len_ + 1);
+        }
+    }
     bool any() const { return s_ == nullptr; }
     bool impossible() const { return s_ != nullptr && len_ == SHMRM_NAME_LEN; }
     bool matches(const char* field) const {
-        return s_ == nullptr || (len_ < SHMRM_NAME_LEN && std::memcmp(field, s_, len_ + 1) == 0);
+        if (s_ == nullptr) return true;
+        if (len_ == SHMRM_NAME_LEN) return false;
+        std::uint64_t word;
+        std::memcpy(&word, field + at_, sizeof word);  // at_ + 8 <= 32: inside the field
+        if (((word ^ tail_) & mask_) != 0) return false;
+        return at_ == 0 || std::memcmp(field, s_, at_) == 0;
     }
     const char* str() const { return s_; }
     // The key for a not-found message: "-" for a null key.
     const char* shown() const { return s_ ? s_ : "-"; }
 
   private:
+    // The mask of the first n (1 to 7) bytes of an 8-byte word, in memory order.
+    static std::uint64_t first_bytes(std::size_t n) {
+        if constexpr (std::endian::native == std::endian::little) {
+            return (std::uint64_t{1} << (8 * n)) - 1;
+        } else {
+            return ~std::uint64_t{0} << (8 * (8 - n));
+        }
+    }
+
     const char* s_;
     std::size_t len_;
+    std::size_t at_ = 0;      // where the compared word starts in the field
+    std::uint64_t tail_ = 0;  // the key's bytes at at_, up to and including its NUL
+    std::uint64_t mask_ = 0;  // the bytes of tail_ that count
 };
 
 // A caller's string in a parameter line.

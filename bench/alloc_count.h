@@ -1,0 +1,4 @@
+// Heap allocations made through operator new by this process so far.
+#pragma once
+
+long allocations();
