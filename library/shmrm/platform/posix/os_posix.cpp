@@ -32,6 +32,12 @@ namespace {
 
 thread_local unsigned t_last_error = 0;
 
+// The calling thread's id, asked of the system once per thread.
+pid_t self_tid() {
+    thread_local const pid_t tid = gettid();
+    return tid;
+}
+
 constexpr mode_t kObjectMode = 0660;
 constexpr std::size_t kNameMax = 256;
 
@@ -452,7 +458,7 @@ bool release_mutex(Handle mutex) {
     pthread_mutex_t* m = &static_cast<SharedMutex*>(e->address)->mutex;
     // Only the owner may release: another thread's unlock is refused before it reaches the
     // mutex (glibc keeps the owner's thread id in the mutex).
-    if (m->__data.__owner != gettid()) return fail(EPERM);
+    if (m->__data.__owner != self_tid()) return fail(EPERM);
     int r = pthread_mutex_unlock(m);
     return r == 0 || fail(r);
 }
@@ -508,7 +514,7 @@ unsigned long process_id() {
     return static_cast<unsigned long>(getpid());
 }
 unsigned long thread_id() {
-    return static_cast<unsigned long>(gettid());
+    return static_cast<unsigned long>(self_tid());
 }
 
 }  // namespace vex::os
