@@ -129,32 +129,29 @@ struct Model {
         const int head[5] = {max[0], max[1], max[2], static_cast<int>(grps.size()),
                              static_cast<int>(mons.size())};
         put(36, head, sizeof head);
+        // Name, type or sv, description, free text and sv of a resource, at their offsets.
+        auto record = [&](Kind kind, int at, const Rec& r) {
+            text(at, r.name);
+            text(at + 32, kind == kGrp ? r.sv : r.type);
+            if (kind != kGrp) put(at + 64, r.descript.data(), 256);
+            if (kind == kRsc) put(at + 320, r.free.data(), 256);
+            if (kind == kRsc) text(at + 576, r.sv);
+            words(kind, at, r);
+        };
         for (int g = 0; g < static_cast<int>(grps.size()); ++g) {
             const Rec& grp = grps[static_cast<std::size_t>(g)];
-            text(grp_at(g), grp.name);
-            text(grp_at(g) + 32, grp.sv);
-            words(kGrp, grp_at(g), grp);
+            record(kGrp, grp_at(g), grp);
             const int count = static_cast<int>(grp.rscs.size());
             put(grp_at(g) + 296, &count, 4);
-            for (int r = 0; r < count; ++r) {
-                const Rec& rsc = grp.rscs[static_cast<std::size_t>(r)];
-                text(rsc_at(g, r), rsc.name);
-                text(rsc_at(g, r) + 32, rsc.type);
-                put(rsc_at(g, r) + 64, rsc.descript.data(), 256);
-                put(rsc_at(g, r) + 320, rsc.free.data(), 256);
-                text(rsc_at(g, r) + 576, rsc.sv);
-                words(kRsc, rsc_at(g, r), rsc);
-            }
+            for (int r = 0; r < count; ++r)
+                record(kRsc, rsc_at(g, r), grp.rscs[static_cast<std::size_t>(r)]);
         }
         for (int m = 0; m < static_cast<int>(mons.size()); ++m) {
             const Rec& mon = mons[static_cast<std::size_t>(m)];
-            text(mon_at(m), mon.name);
-            text(mon_at(m) + 32, mon.type);
-            put(mon_at(m) + 64, mon.descript.data(), 256);
-            words(kMon, mon_at(m), mon);
+            record(kMon, mon_at(m), mon);
+            const unsigned ticks[2] = {mon.tick3, mon.tick4};
             put(mon_at(m) + 360, &mon.progress, 4);
-            put(mon_at(m) + 368, &mon.tick3, 4);
-            put(mon_at(m) + 372, &mon.tick4, 4);
+            put(mon_at(m) + 368, ticks, sizeof ticks);
         }
         return b;
     }

@@ -29,7 +29,7 @@ using vextest::Sandbox;
 const std::regex kLine(
     R"((\d{4})-(\d\d)-(\d\d) (\d\d):(\d\d):(\d\d)\.(\d{3}) (\d+) (\d+) (\S+) (\S+) (\S+):(\d+) (.*))");
 
-// The lines of a file; a last line without its newline is kept as it is and flagged.
+// The lines of a file; `complete`: the last line has its newline.
 std::vector<std::string> lines_of(const std::string& path, bool* complete = nullptr) {
     const std::string text = Sandbox::read_file(path);
     if (complete != nullptr) *complete = text.empty() || text.back() == '\n';
@@ -40,15 +40,27 @@ std::vector<std::string> lines_of(const std::string& path, bool* complete = null
     return lines;
 }
 
-// The text field of every line (the lines must all be whole).
-std::vector<std::string> texts_of(const std::vector<std::string>& lines) {
+// The text field of every line of a file (the lines must all be whole).
+std::vector<std::string> texts_of(const std::string& path) {
     std::vector<std::string> texts;
-    for (const std::string& line : lines) {
+    for (const std::string& line : lines_of(path)) {
         std::smatch m;
         EXPECT_TRUE(std::regex_match(line, m, kLine)) << line;
         texts.push_back(m.size() > 14 ? m[14].str() : std::string());
     }
     return texts;
+}
+
+// "n" for n in [first, last).
+std::vector<std::string> numbers(int first, int last) {
+    std::vector<std::string> out;
+    for (int i = first; i < last; ++i)
+        out.push_back(std::to_string(i));
+    return out;
+}
+
+void write(vex::LogHandle h, const std::string& text, int level = 4) {
+    vex::loglib_write(h, level, 0, "a.cpp", 1, "_t", text.c_str());
 }
 
 class LogTest : public testing::Test {
@@ -73,8 +85,8 @@ class LogTest : public testing::Test {
     std::string backup_path() const { return sandbox_.log_path() + ".1"; }
     // The texts of the backup followed by those of the current file.
     std::vector<std::string> all_texts() const {
-        std::vector<std::string> texts = texts_of(lines_of(backup_path()));
-        for (std::string& t : texts_of(lines_of(log_path())))
+        std::vector<std::string> texts = texts_of(backup_path());
+        for (std::string& t : texts_of(log_path()))
             texts.push_back(std::move(t));
         return texts;
     }
@@ -86,7 +98,7 @@ class LogTest : public testing::Test {
 // ---- Opening ----------------------------------------------------------------------------
 
 TEST_F(LogTest, NullHandleIsHarmless) {
-    vex::loglib_write(nullptr, 1, 0, "a.cpp", 1, "_t", "text");
+    write(nullptr, "text");
     vex::loglib_close(nullptr);
     EXPECT_EQ(vex::loglib_level(nullptr), 0);
     vex::loglib_open("shmrm", nullptr, 4, 1000, 0, 0);
@@ -100,32 +112,24 @@ TEST_F(LogTest, OpenMakesTheFolderAndAppends) {
     vex::LogHandle h = open(4);
     ASSERT_NE(h, nullptr);
     EXPECT_TRUE(fs::is_directory(sandbox_.path() + "/log"));
-    EXPECT_EQ(vex::loglib_level(h), 4);
-    vex::loglib_write(h, 4, 0, "a.cpp", 1, "_t", "first");
+    write(h, "first");
     close(h);
-
     h = open(32);
     ASSERT_NE(h, nullptr);
     EXPECT_EQ(vex::loglib_level(h), 32);
-    vex::loglib_write(h, 4, 0, "a.cpp", 2, "_t", "second");
-    EXPECT_EQ(texts_of(lines_of(log_path())), (std::vector<std::string>{"first", "second"}));
+    write(h, "second");
+    EXPECT_EQ(texts_of(log_path()), (std::vector<std::string>{"first", "second"}));
 }
 
 TEST_F(LogTest, OpenFailuresLeaveNoHandle) {
-    struct Case {
-        const char* name;
+    const struct {
         const char* log_name;
         bool block_folder;  // a plain file where the log folder belongs
         bool no_install;    // the install path does not exist
-    };
-    const Case cases[] = {
-        {"EmptyName", "", false, false},
-        {"NameWithSeparator", "a/b", false, false},
-        {"FolderIsAFile", "shmrm", true, false},
-        {"NoInstallPath", "shmrm", false, true},
-    };
-    for (const Case& c : cases) {
-        SCOPED_TRACE(c.name);
+    } cases[] = {
+        {"", false, false}, {"a/b", false, false}, {"shmrm", true, false}, {"shmrm", false, true}};
+    for (const auto& c : cases) {
+        SCOPED_TRACE(testing::Message() << "row " << (&c - cases));
         Sandbox sandbox;
         if (c.block_folder) std::ofstream(sandbox.path() + "/log") << "x";
         if (c.no_install) vextest::set_env("VEX_INSTALL_PATH", sandbox.path() + "/gone");
@@ -138,62 +142,43 @@ TEST_F(LogTest, OpenFailuresLeaveNoHandle) {
 
 TEST_F(LogTest, HandlesAreLimitedAndReused) {
     std::vector<vex::LogHandle> opened;
-    for (int i = 0; i < 64; ++i) {
-        vex::LogHandle h = open(4);
-        if (h == nullptr) break;
+    for (vex::LogHandle h; opened.size() < 64 && (h = open(4)) != nullptr;)
         opened.push_back(h);
-    }
     ASSERT_FALSE(opened.empty());
     ASSERT_LT(opened.size(), 64u) << "opening never runs out of handles";
     close(opened.back());
     vex::LogHandle again = open(16);
     ASSERT_NE(again, nullptr);
     EXPECT_EQ(vex::loglib_level(again), 16);
-    vex::loglib_write(again, 16, 0, "a.cpp", 1, "_t", "reused");
-    EXPECT_EQ(texts_of(lines_of(log_path())), std::vector<std::string>{"reused"});
+    write(again, "reused", 16);
+    EXPECT_EQ(texts_of(log_path()), std::vector<std::string>{"reused"});
 }
 
 // ---- Lines ------------------------------------------------------------------------------
 
 TEST_F(LogTest, LevelSelectsLines) {
-    struct Case {
-        int open_level;
-        std::vector<std::string> written;
-    };
-    const Case cases[] = {
-        {0, {}},
-        {1, {"1"}},
-        {2, {"1", "2"}},
-        {4, {"1", "2", "4"}},
-        {16, {"1", "2", "4", "8", "16"}},
-        {32, {"1", "2", "4", "8", "16", "32"}},
-    };
-    for (const Case& c : cases) {
-        SCOPED_TRACE(c.open_level);
+    const std::pair<int, std::vector<std::string>> cases[] = {
+        {0, {}}, {1, {"1"}}, {4, {"1", "2", "4"}}, {16, {"1", "2", "4", "8", "16"}}};
+    for (const auto& [level, expected] : cases) {
+        SCOPED_TRACE(level);
         fs::remove(log_path());
-        vex::LogHandle h = open(c.open_level);
+        vex::LogHandle h = open(level);
         ASSERT_NE(h, nullptr);
-        for (int level : {1, 2, 4, 8, 16, 32}) {
-            vex::loglib_write(h, level, 0, "a.cpp", 1, "_t", std::to_string(level).c_str());
-        }
+        for (int l : {1, 2, 4, 8, 16, 32})
+            write(h, std::to_string(l), l);
         close(h);
-        EXPECT_EQ(texts_of(lines_of(log_path())), c.written);
+        EXPECT_EQ(texts_of(log_path()), expected);
     }
 }
 
 TEST_F(LogTest, LineFormat) {
-    struct Case {
-        int level;
-        const char* name;
-    };
-    const Case cases[] = {{1, "ERROR"}, {2, "WARNING"}, {4, "INFO"},
-                          {16, "FUNC"}, {32, "PARAM"},  {8, "8"}};
+    const std::pair<int, const char*> cases[] = {{1, "ERROR"}, {2, "WARNING"}, {4, "INFO"},
+                                                 {16, "FUNC"}, {32, "PARAM"},  {8, "8"}};
     vex::LogHandle h = open(32);
     ASSERT_NE(h, nullptr);
-    for (const Case& c : cases) {
-        vex::loglib_write(h, c.level, 0, "src/shmrm.cpp", 1234, "_create",
-                          "100% done: %s %d <<< EXIT >>> : 0x00000002");
-    }
+    const char* text = "100% done: %s %d <<< EXIT >>> : 0x00000002";
+    for (const auto& [level, name] : cases)
+        vex::loglib_write(h, level, 0, "src/shmrm.cpp", 1234, "_create", text);
     bool complete = false;
     const std::vector<std::string> lines = lines_of(log_path(), &complete);
     EXPECT_TRUE(complete);
@@ -202,20 +187,18 @@ TEST_F(LogTest, LineFormat) {
         SCOPED_TRACE(lines[i]);
         std::smatch m;
         ASSERT_TRUE(std::regex_match(lines[i], m, kLine));
-        EXPECT_GE(std::stoi(m[2]), 1);
-        EXPECT_LE(std::stoi(m[2]), 12);
-        EXPECT_GE(std::stoi(m[3]), 1);
-        EXPECT_LE(std::stoi(m[3]), 31);
-        EXPECT_LE(std::stoi(m[4]), 23);
-        EXPECT_LE(std::stoi(m[5]), 59);
-        EXPECT_LE(std::stoi(m[6]), 60);
+        const int lows[] = {1, 1, 0, 0, 0}, highs[] = {12, 31, 23, 59, 60};
+        for (std::size_t f = 0; f < 5; ++f) {  // month, day, hour, minute, second
+            EXPECT_GE(std::stoi(m[f + 2]), lows[f]);
+            EXPECT_LE(std::stoi(m[f + 2]), highs[f]);
+        }
         EXPECT_EQ(std::stoul(m[8]), vex::os::process_id());
         EXPECT_EQ(std::stoul(m[9]), vex::os::thread_id());
-        EXPECT_EQ(m[10], cases[i].name);
+        EXPECT_EQ(m[10], cases[i].second);
         EXPECT_EQ(m[11], "_create");
         EXPECT_EQ(m[12], "src/shmrm.cpp");
         EXPECT_EQ(m[13], "1234");
-        EXPECT_EQ(m[14], "100% done: %s %d <<< EXIT >>> : 0x00000002");
+        EXPECT_EQ(m[14], text);
     }
 }
 
@@ -223,13 +206,13 @@ TEST_F(LogTest, LongTextIsCutToOneLine) {
     vex::LogHandle h = open(4);
     ASSERT_NE(h, nullptr);
     const std::string text(10000, 'x');
-    vex::loglib_write(h, 4, 0, "a.cpp", 1, "_t", text.c_str());
-    vex::loglib_write(h, 4, 0, "a.cpp", 2, "_t", "after");
+    write(h, text);
+    write(h, "after");
     bool complete = false;
     const std::vector<std::string> lines = lines_of(log_path(), &complete);
     EXPECT_TRUE(complete);
-    ASSERT_EQ(lines.size(), 2u);
-    const std::vector<std::string> texts = texts_of(lines);
+    const std::vector<std::string> texts = texts_of(log_path());
+    ASSERT_EQ(texts.size(), 2u);
     EXPECT_GT(texts[0].size(), 4000u);
     EXPECT_LT(lines[0].size(), text.size());
     EXPECT_EQ(texts[0], std::string(texts[0].size(), 'x'));
@@ -238,28 +221,12 @@ TEST_F(LogTest, LongTextIsCutToOneLine) {
 
 // ---- Rotation ---------------------------------------------------------------------------
 
-// "n" for n in [first, last).
-std::vector<std::string> numbers(int first, int last) {
-    std::vector<std::string> out;
-    for (int i = first; i < last; ++i)
-        out.push_back(std::to_string(i));
-    return out;
-}
-
-// The texts must be consecutive numbers ending at last - 1.
-void expect_tail_of(const std::vector<std::string>& texts, int last) {
-    ASSERT_FALSE(texts.empty());
-    EXPECT_EQ(texts, numbers(last - static_cast<int>(texts.size()), last));
-}
-
 TEST_F(LogTest, RotationKeepsOneBackupAndTheSizeLimit) {
-    constexpr int kSize = 1000;
+    constexpr int kSize = 1000, kLines = 60;  // several rotations' worth
     vex::LogHandle h = open(4, kSize);
     ASSERT_NE(h, nullptr);
-    constexpr int kLines = 60;  // several rotations' worth
     for (int i = 0; i < kLines; ++i)
-        vex::loglib_write(h, 4, 0, "a.cpp", 1, "_t", std::to_string(i).c_str());
-
+        write(h, std::to_string(i));
     ASSERT_TRUE(fs::exists(backup_path()));
     EXPECT_LE(fs::file_size(log_path()), static_cast<std::uintmax_t>(kSize));
     EXPECT_LE(fs::file_size(backup_path()), static_cast<std::uintmax_t>(kSize));
@@ -268,8 +235,9 @@ TEST_F(LogTest, RotationKeepsOneBackupAndTheSizeLimit) {
     EXPECT_GT(fs::file_size(backup_path()) + line + 1, static_cast<std::uintmax_t>(kSize));
     // The backup holds the lines just before the current file; older ones are gone.
     const std::vector<std::string> texts = all_texts();
+    ASSERT_FALSE(texts.empty());
     EXPECT_LT(texts.size(), static_cast<std::size_t>(kLines));
-    expect_tail_of(texts, kLines);
+    EXPECT_EQ(texts, numbers(kLines - static_cast<int>(texts.size()), kLines));
 }
 
 TEST_F(LogTest, NoRotationWithoutPositiveSize) {
@@ -279,50 +247,41 @@ TEST_F(LogTest, NoRotationWithoutPositiveSize) {
         vex::LogHandle h = open(4, size);
         ASSERT_NE(h, nullptr);
         for (int i = 0; i < 200; ++i)
-            vex::loglib_write(h, 4, 0, "a.cpp", 1, "_t", std::to_string(i).c_str());
+            write(h, std::to_string(i));
         close(h);
         EXPECT_FALSE(fs::exists(backup_path()));
-        EXPECT_EQ(texts_of(lines_of(log_path())), numbers(0, 200));
+        EXPECT_EQ(texts_of(log_path()), numbers(0, 200));
     }
 }
 
 TEST_F(LogTest, LineLargerThanTheSizeIsWrittenAlone) {
     vex::LogHandle h = open(4, 10);
     ASSERT_NE(h, nullptr);
-    // An empty file is never rotated, so the backup is never empty.
-    vex::loglib_write(h, 4, 0, "a.cpp", 1, "_t", "0");
+    write(h, "0");  // an empty file is never rotated, so the backup is never empty
     EXPECT_FALSE(fs::exists(backup_path()));
-    vex::loglib_write(h, 4, 0, "a.cpp", 1, "_t", "1");
-    vex::loglib_write(h, 4, 0, "a.cpp", 1, "_t", "2");
-    EXPECT_EQ(texts_of(lines_of(backup_path())), std::vector<std::string>{"1"});
-    EXPECT_EQ(texts_of(lines_of(log_path())), std::vector<std::string>{"2"});
+    write(h, "1");
+    write(h, "2");
+    EXPECT_EQ(texts_of(backup_path()), std::vector<std::string>{"1"});
+    EXPECT_EQ(texts_of(log_path()), std::vector<std::string>{"2"});
 }
 
 TEST_F(LogTest, HandleFollowsARotationByAnother) {
     // Two handles on one log act like two processes: each must notice the other's rotation.
-    constexpr int kSize = 400;
-    vex::LogHandle a = open(4, kSize);
-    vex::LogHandle b = open(4, kSize);
+    constexpr int kSize = 400, kLines = 11;  // a little over one rotation of about seven lines
+    vex::LogHandle a = open(4, kSize), b = open(4, kSize);
     ASSERT_NE(a, nullptr);
     ASSERT_NE(b, nullptr);
-    ASSERT_NE(a, b);
-    constexpr int kLines = 11;  // a little over one rotation of about seven lines
-    for (int i = 0; i < kLines; ++i) {
-        vex::loglib_write(i % 2 == 0 ? a : b, 4, 0, "a.cpp", 1, "_t", std::to_string(i).c_str());
-    }
+    for (int i = 0; i < kLines; ++i)
+        write(i % 2 == 0 ? a : b, std::to_string(i));
     ASSERT_TRUE(fs::exists(backup_path()));
     EXPECT_LE(fs::file_size(log_path()), static_cast<std::uintmax_t>(kSize));
     EXPECT_EQ(all_texts(), numbers(0, kLines));
-}
 
-TEST_F(LogTest, RotatedAwayFileIsReopened) {
-    vex::LogHandle h = open(4, 0);
-    ASSERT_NE(h, nullptr);
-    vex::loglib_write(h, 4, 0, "a.cpp", 1, "_t", "before");
+    // A file renamed away by someone else is left behind for a new one.
+    fs::remove(backup_path());
     fs::rename(log_path(), backup_path());
-    vex::loglib_write(h, 4, 0, "a.cpp", 1, "_t", "after");
-    EXPECT_EQ(texts_of(lines_of(backup_path())), std::vector<std::string>{"before"});
-    EXPECT_EQ(texts_of(lines_of(log_path())), std::vector<std::string>{"after"});
+    write(a, "after");
+    EXPECT_EQ(texts_of(log_path()), std::vector<std::string>{"after"});
 }
 
 // ---- Concurrency ------------------------------------------------------------------------
@@ -345,10 +304,8 @@ void expect_every_line_once(const std::vector<std::string>& texts,
 }
 
 TEST_F(LogTest, ThreadsShareAHandle) {
-    constexpr int kThreads = 4;
-    constexpr int kLines = 300;
     // Lines of about 90 bytes: the total passes the size once, but not twice.
-    constexpr int kSize = kThreads * kLines * 90 * 6 / 10;
+    constexpr int kThreads = 4, kLines = 300, kSize = kThreads * kLines * 90 * 6 / 10;
     vex::LogHandle h = open(4, kSize);
     ASSERT_NE(h, nullptr);
     std::vector<std::string> tags;
@@ -356,11 +313,8 @@ TEST_F(LogTest, ThreadsShareAHandle) {
     for (int t = 0; t < kThreads; ++t) {
         tags.push_back("t" + std::to_string(t));
         threads.emplace_back([h, tag = tags.back()] {
-            for (int i = 0; i < kLines; ++i) {
-                const std::string text =
-                    tag + " seq=" + std::to_string(i) + " " + std::string(20, '.');
-                vex::loglib_write(h, 4, 0, "a.cpp", 1, tag.c_str(), text.c_str());
-            }
+            for (int i = 0; i < kLines; ++i)
+                write(h, tag + " seq=" + std::to_string(i) + " " + std::string(20, '.'));
         });
     }
     for (std::thread& t : threads)
@@ -371,10 +325,9 @@ TEST_F(LogTest, ThreadsShareAHandle) {
 
 #ifdef VEX_LOG_WRITER_EXE
 TEST_F(LogTest, ProcessesShareTheLogAndItsRotation) {
-    constexpr int kLines = 300;
     // Writer lines are 100 to 125 bytes: both writers together pass the size once, not twice.
-    const std::string size = std::to_string(2 * kLines * 112 * 6 / 10);
-    const std::string count = std::to_string(kLines);
+    constexpr int kLines = 300;
+    const std::string size = std::to_string(2 * kLines * 112 * 6 / 10), count = "300";
     const std::vector<int> codes = vextest::run_together(
         {{VEX_LOG_WRITER_EXE, "A", count, size}, {VEX_LOG_WRITER_EXE, "B", count, size}});
     EXPECT_EQ(codes, (std::vector<int>{0, 0}));
