@@ -33,14 +33,27 @@ int main(int argc, char** argv) {
 #else
 #include <unistd.h>
 
+#include <filesystem>
+
 int main(int argc, char** argv) {
+    const std::string own = "vextest" + vextest::process_id_text();
     if (std::getenv("VEX_IPC_NAMESPACE") == nullptr) {
-        vextest::set_env("VEX_IPC_NAMESPACE", "vextest" + vextest::process_id_text());
+        vextest::set_env("VEX_IPC_NAMESPACE", own);
         execv("/proc/self/exe", argv);
         std::perror("execv");
         return 1;
     }
     testing::InitGoogleTest(&argc, argv);
-    return RUN_ALL_TESTS();
+    const int rc = RUN_ALL_TESTS();
+    // The named objects of a namespace this process made up (the region lock and the guards
+    // stay in the system's shared-memory folder) go with it.
+    if (own == std::getenv("VEX_IPC_NAMESPACE")) {
+        std::error_code ec;
+        for (const auto& entry : std::filesystem::directory_iterator("/dev/shm", ec)) {
+            if (entry.path().filename().string().rfind(own + ".", 0) == 0)
+                std::filesystem::remove(entry.path(), ec);
+        }
+    }
+    return rc;
 }
 #endif
