@@ -113,23 +113,32 @@ class Guard {
 enum class Kind : unsigned char { kFree, kMapping, kView, kMutex };
 
 struct Entry {
-    Kind kind = Kind::kFree;
+    // Set last when an entry is taken and first when it is freed, so a handle can be checked
+    // without the pool's lock.
+    std::atomic<Kind> kind{Kind::kFree};
     int fd = -1;  // mapping and view: a description holding the shared lock
     void* address = nullptr;
     std::size_t length = 0;
     char shm[kNameMax] = {};
+
+    void clear() {
+        fd = -1;
+        address = nullptr;
+        length = 0;
+        shm[0] = '\0';
+    }
 };
 
 constexpr int kEntries = 64;
 Entry g_entries[kEntries];
-std::mutex g_entries_mutex;
+std::mutex g_entries_mutex;  // serialises taking and freeing entries
 
 Entry* take_entry(Kind kind) {
     std::lock_guard lock(g_entries_mutex);
     for (Entry& e : g_entries) {
-        if (e.kind == Kind::kFree) {
-            e = Entry{};
-            e.kind = kind;
+        if (e.kind.load(std::memory_order_relaxed) == Kind::kFree) {
+            e.clear();
+            e.kind.store(kind, std::memory_order_release);
             return &e;
         }
     }
@@ -139,21 +148,26 @@ Entry* take_entry(Kind kind) {
 
 void free_entry(Entry* e) {
     std::lock_guard lock(g_entries_mutex);
-    *e = Entry{};
+    e->kind.store(Kind::kFree, std::memory_order_release);
+    e->clear();
 }
 
+// The entry behind a handle of this kind, or nullptr for anything else. Takes no lock: the
+// region lock's wait and release run through here.
 Entry* find_entry(const void* handle, Kind kind) {
-    std::lock_guard lock(g_entries_mutex);
-    for (Entry& e : g_entries) {
-        if (&e == handle && e.kind == kind) return &e;
-    }
-    return nullptr;
+    const auto at = reinterpret_cast<std::uintptr_t>(handle);
+    const auto first = reinterpret_cast<std::uintptr_t>(&g_entries[0]);
+    if (at < first || at >= first + sizeof g_entries || (at - first) % sizeof(Entry) != 0)
+        return nullptr;
+    Entry* e = &g_entries[(at - first) / sizeof(Entry)];
+    return e->kind.load(std::memory_order_acquire) == kind ? e : nullptr;
 }
 
 Entry* find_view(const void* address) {
     std::lock_guard lock(g_entries_mutex);
     for (Entry& e : g_entries) {
-        if (e.kind == Kind::kView && e.address == address) return &e;
+        if (e.kind.load(std::memory_order_relaxed) == Kind::kView && e.address == address)
+            return &e;
     }
     return nullptr;
 }
