@@ -1,14 +1,14 @@
 #!/usr/bin/env bash
 # Builds vexshmrm and runs the whole test suite: the default build, the same suite under
-# AddressSanitizer and UndefinedBehaviorSanitizer, and the Windows DLL's build with the suite
-# run under Wine.
-#   scripts/test.sh [preset ...]     (default: default asan windows)
+# AddressSanitizer and UndefinedBehaviorSanitizer, then under ThreadSanitizer, and the Windows
+# DLL's build with the suite run under Wine.
+#   scripts/test.sh [preset ...]     (default: default asan tsan windows)
 set -euo pipefail
 cd "$(dirname "$0")/.."
 scripts/deps.sh
 
 presets=("$@")
-if ((${#presets[@]} == 0)); then presets=(default asan windows); fi
+if ((${#presets[@]} == 0)); then presets=(default asan tsan windows); fi
 jobs=$(nproc)
 for preset in "${presets[@]}"; do
   echo "== $preset"
