@@ -249,6 +249,16 @@ inline std::size_t stride_of(const rmhead* h) {
     return SHMRM_GRP_HEAD_SIZE + static_cast<std::size_t>(h->rscmax) * SHMRM_RSC_SIZE;
 }
 
+// Group record i and the resource slots of a group, as the layout places them.
+inline rmgrp* floor_group_at(unsigned char* b, int i) {
+    return reinterpret_cast<rmgrp*>(b + SHMRM_HEAD_SIZE +
+                                    static_cast<std::size_t>(i) *
+                                        stride_of(reinterpret_cast<const rmhead*>(b)));
+}
+inline rmrsc* floor_slots(rmgrp* grp) {
+    return reinterpret_cast<rmrsc*>(reinterpret_cast<unsigned char*>(grp) + SHMRM_GRP_HEAD_SIZE);
+}
+
 inline rmgrp* floor_group(unsigned char* b, const Name32& name) {
     const auto* h = reinterpret_cast<const rmhead*>(b);
     const int n = h->grpcnt;
@@ -263,8 +273,7 @@ inline rmrsc* floor_resource(unsigned char* b, const Name32& group, const Name32
                              const Name32& name) {
     rmgrp* grp = floor_group(b, group);
     if (grp == nullptr) return nullptr;
-    auto* slot =
-        reinterpret_cast<rmrsc*>(reinterpret_cast<unsigned char*>(grp) + SHMRM_GRP_HEAD_SIZE);
+    auto* slot = floor_slots(grp);
     const int n = grp->rsccnt;
     for (int j = 0; j < n; ++j)
         if (same_name(slot[j].type, type) && same_name(slot[j].name, name)) return &slot[j];
@@ -291,6 +300,14 @@ inline int floor_list_add(char* buf, int used, const char* field) {
     std::memcpy(buf + used, field, len);
     buf[static_cast<std::size_t>(used) + len] = '\0';
     return used + static_cast<int>(len) + 1;
+}
+
+// Lists the names of a group's resources after `used` bytes of the list.
+inline int floor_list_group(char* buf, int used, rmgrp* grp) {
+    rmrsc* slot = floor_slots(grp);
+    for (int j = 0; j < grp->rsccnt; ++j)
+        used = floor_list_add(buf, used, slot[j].name);
+    return used;
 }
 
 // ---- Measuring ------------------------------------------------------------------------------
@@ -601,14 +618,10 @@ void register_lists() {
         [=] {
             unsigned char* b = base();
             return [=] {
-                const auto* h = reinterpret_cast<const rmhead*>(b);
-                const std::size_t stride = stride_of(h);
+                const int n = reinterpret_cast<const rmhead*>(b)->grpcnt;
                 int used = 0;
-                for (int i = 0; i < h->grpcnt; ++i)
-                    used = floor_list_add(
-                        g_buf, used,
-                        reinterpret_cast<const char*>(b + SHMRM_HEAD_SIZE +
-                                                      static_cast<std::size_t>(i) * stride));
+                for (int i = 0; i < n; ++i)
+                    used = floor_list_add(g_buf, used, floor_group_at(b, i)->name);
                 g_buf[used] = '\0';
                 benchmark::ClobberMemory();
             };
@@ -624,12 +637,7 @@ void register_lists() {
         [=] {
             unsigned char* b = base();
             return [=] {
-                rmgrp* grp = floor_group(b, G);
-                auto* slot = reinterpret_cast<rmrsc*>(reinterpret_cast<unsigned char*>(grp) +
-                                                      SHMRM_GRP_HEAD_SIZE);
-                int used = 0;
-                for (int j = 0; j < grp->rsccnt; ++j)
-                    used = floor_list_add(g_buf, used, slot[j].name);
+                const int used = floor_list_group(g_buf, 0, floor_group(b, G));
                 g_buf[used] = '\0';
                 benchmark::ClobberMemory();
             };
@@ -645,17 +653,10 @@ void register_lists() {
         [=] {
             unsigned char* b = base();
             return [=] {
-                const auto* h = reinterpret_cast<const rmhead*>(b);
-                const std::size_t stride = stride_of(h);
+                const int n = reinterpret_cast<const rmhead*>(b)->grpcnt;
                 int used = 0;
-                for (int i = 0; i < h->grpcnt; ++i) {
-                    auto* grp = reinterpret_cast<rmgrp*>(b + SHMRM_HEAD_SIZE +
-                                                         static_cast<std::size_t>(i) * stride);
-                    auto* slot = reinterpret_cast<rmrsc*>(reinterpret_cast<unsigned char*>(grp) +
-                                                          SHMRM_GRP_HEAD_SIZE);
-                    for (int j = 0; j < grp->rsccnt; ++j)
-                        used = floor_list_add(g_buf, used, slot[j].name);
-                }
+                for (int i = 0; i < n; ++i)
+                    used = floor_list_group(g_buf, used, floor_group_at(b, i));
                 g_buf[used] = '\0';
                 benchmark::ClobberMemory();
             };
@@ -730,8 +731,7 @@ void register_add_remove() {
             const Name32 G(gname(64)), T(kRscType), N(rname(64, 15));
             return [=] {
                 rmgrp* grp = floor_group(b, G);
-                auto* slot = reinterpret_cast<rmrsc*>(reinterpret_cast<unsigned char*>(grp) +
-                                                      SHMRM_GRP_HEAD_SIZE);
+                auto* slot = floor_slots(grp);
                 std::memcpy(slot[grp->rsccnt].type, T.b, 32);
                 std::memcpy(slot[grp->rsccnt].name, N.b, 32);
                 ++grp->rsccnt;
