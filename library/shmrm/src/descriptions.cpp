@@ -23,7 +23,7 @@ int with_description(const Call& call, const char* grpname, const char* type, co
     char* field = nullptr;
     bool monitor = grpname == nullptr;
     if (monitor) {
-        const Monitors monitors = Monitors::of(base);
+        const Monitors monitors = Monitors::of();
         const int i = find_monitor(monitors, base, Key(type), Key(name));
         if (i >= 0) field = monitors.at(i)->descript;
     } else {

@@ -21,7 +21,7 @@ constexpr GroupField<int> kFocnt{&rmgrp::focnt, "_getgrpfocnt", "_setgrpfocnt"};
 // The course of every attribute export: the region, the arguments, the group by its name,
 // then `act` on the group found.
 template <typename Act>
-int with_group(const char* tag, const char* grpname, bool args_ok, Act act) {
+SHMRM_INLINE int with_group(const char* tag, const char* grpname, bool args_ok, Act act) {
     Call call(tag);
     unsigned char* base = region();
     if (base == nullptr) return call.fail(SHMRM_ERR_NOTINIT, "not init");
@@ -37,13 +37,13 @@ int with_group(const char* tag, const char* grpname, bool args_ok, Act act) {
 }
 
 template <typename T>
-int get(const GroupField<T>& f, const char* grpname, T* out) {
+SHMRM_INLINE int get(const GroupField<T>& f, const char* grpname, T* out) {
     return with_group(f.get_tag, grpname, out != nullptr,
                       [&](rmgrp& grp) { *out = load(grp.*f.field); });
 }
 
 template <typename T>
-int set(const GroupField<T>& f, const char* grpname, T value) {
+SHMRM_INLINE int set(const GroupField<T>& f, const char* grpname, T value) {
     return with_group(f.set_tag, grpname, true, [&](rmgrp& grp) { store(grp.*f.field, value); });
 }
 

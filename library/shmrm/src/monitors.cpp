@@ -34,12 +34,13 @@ constexpr Word kParentpid{&rmmon::parentpid, "_getparentpid", "_setparentpid"};
 // The course of every attribute export: the region, the arguments, the monitor lookup, then
 // `act` on the monitor found.
 template <typename Act>
-int with_monitor(const char* tag, const char* type, const char* name, bool args_ok, Act act) {
+SHMRM_INLINE int with_monitor(const char* tag, const char* type, const char* name, bool args_ok,
+                              Act act) {
     Call call(tag);
     unsigned char* base = region();
     if (base == nullptr) return call.fail(SHMRM_ERR_NOTINIT, "not init");
     if (name == nullptr || !args_ok) return call.fail(SHMRM_ERR_PARAM, "invalid param");
-    const Monitors monitors = Monitors::of(base);
+    const Monitors monitors = Monitors::of();
     const Key kind(type);
     const int i = find_monitor(monitors, base, kind, Key(name));
     if (i < 0) {
@@ -51,13 +52,13 @@ int with_monitor(const char* tag, const char* type, const char* name, bool args_
 }
 
 template <typename T>
-int get(const MonitorField<T>& f, const char* type, const char* name, int* out) {
+SHMRM_INLINE int get(const MonitorField<T>& f, const char* type, const char* name, int* out) {
     return with_monitor(f.get_tag, type, name, out != nullptr,
                         [&](rmmon& mon) { *out = load(mon.*f.field); });
 }
 
 template <typename T>
-int set(const MonitorField<T>& f, const char* type, const char* name, T value) {
+SHMRM_INLINE int set(const MonitorField<T>& f, const char* type, const char* name, T value) {
     return with_monitor(f.set_tag, type, name, true,
                         [&](rmmon& mon) { store(mon.*f.field, value); });
 }
@@ -65,14 +66,15 @@ int set(const MonitorField<T>& f, const char* type, const char* name, T value) {
 // The progress exports check the two table pointers with messages of their own and name only
 // the monitor's name when it is not found.
 template <typename Act>
-int with_progress(const char* tag, const char* type, const char* name, bool args_ok, Act act) {
+SHMRM_INLINE int with_progress(const char* tag, const char* type, const char* name, bool args_ok,
+                               Act act) {
     Call call(tag);
     unsigned char* base = region();
     if (base == nullptr) return call.fail(SHMRM_ERR_NOTINIT, "_prmhead is not init");
     if (g._prmmon.load(std::memory_order_relaxed) == nullptr)
         return call.fail(SHMRM_ERR_NOTINIT, "_prmmon is not init");
     if (name == nullptr || !args_ok) return call.fail(SHMRM_ERR_PARAM, "invalid param");
-    const Monitors monitors = Monitors::of(base);
+    const Monitors monitors = Monitors::of();
     const int i = find_monitor(monitors, base, Key(type), Key(name));
     if (i < 0) {
         SHMRM_TRACE(SHMRM_LOG_ERROR, tag, "name:%s not found", name);
@@ -93,7 +95,7 @@ SHMRM_EXPORT int shmrm_addmon(const char* type, const char* name) {
     if (base == nullptr) return call.fail(SHMRM_ERR_NOTINIT, "not init");
     if (type == nullptr || name == nullptr) return call.fail(SHMRM_ERR_PARAM, "invalid param");
     rmhead* h = head(base);
-    const Monitors monitors = Monitors::of(base);
+    const Monitors monitors = Monitors::of();
     const int count = load(h->moncnt);
     if (count >= load(h->monmax) || count < 0 || count >= monitors.positions) {
         SHMRM_TRACE(SHMRM_LOG_ERROR, call.tag(), "monitor count is over(%d)", count);
@@ -113,7 +115,7 @@ SHMRM_EXPORT int shmrm_rmmon(const char* type, const char* name) {
     if (base == nullptr) return call.fail(SHMRM_ERR_NOTINIT, "not init");
     if (name == nullptr) return call.fail(SHMRM_ERR_PARAM, "invalid param");
     SHMRM_TRACE(SHMRM_LOG_PARAM, call.tag(), "[in]type:%s, name:%s", shown(type), name);
-    const Monitors monitors = Monitors::of(base);
+    const Monitors monitors = Monitors::of();
     const Key kind(type);
     const int used = monitors.used(base);
     const int i = find_monitor(monitors, base, kind, Key(name));
@@ -131,7 +133,7 @@ SHMRM_EXPORT int shmrm_enummon(char* buf, int* psize) {
     unsigned char* base = region();
     if (base == nullptr) return call.fail(SHMRM_ERR_NOTINIT, "not init");
     if (psize == nullptr) return call.fail(SHMRM_ERR_PARAM, "invalid param");
-    const Monitors monitors = Monitors::of(base);
+    const Monitors monitors = Monitors::of();
     int i = 0;
     // The count is read again before every record.
     return call.exit(write_name_list(buf, psize, [&]() -> const char* {
@@ -217,7 +219,7 @@ SHMRM_EXPORT int shmrm_getmoninfo(char* buf, const char* name) {
     unsigned char* base = region();
     if (base == nullptr) return call.fail(SHMRM_ERR_NOTINIT, "not init");
     if (name == nullptr || *name == '\0') return call.fail(SHMRM_ERR_PARAM, "invalid param");
-    const Monitors monitors = Monitors::of(base);
+    const Monitors monitors = Monitors::of();
     const int i = find_monitor(monitors, base, Key(nullptr), Key(name));
     if (i < 0) {
         SHMRM_TRACE(SHMRM_LOG_ERROR, call.tag(), "name:%s not found", name);

@@ -21,8 +21,8 @@ constexpr ResourceWord kStopret{&rmrsc::stopret, "_getrscstopret", "_setrscstopr
 // The course of every attribute export: the region, the arguments (`name` and what `args_ok`
 // says), the resource lookup, then `act` on the resource found.
 template <typename Act>
-int with_resource(const char* tag, const char* grpname, const char* type, const char* name,
-                  bool args_ok, Act act) {
+SHMRM_INLINE int with_resource(const char* tag, const char* grpname, const char* type,
+                               const char* name, bool args_ok, Act act) {
     Call call(tag);
     unsigned char* base = region();
     if (base == nullptr) return call.fail(SHMRM_ERR_NOTINIT, "not init");
@@ -38,12 +38,14 @@ int with_resource(const char* tag, const char* grpname, const char* type, const 
     return call.exit(SHMRM_OK);
 }
 
-int get(const ResourceWord& w, const char* grpname, const char* type, const char* name, int* out) {
+SHMRM_INLINE int get(const ResourceWord& w, const char* grpname, const char* type, const char* name,
+                     int* out) {
     return with_resource(w.get_tag, grpname, type, name, out != nullptr,
                          [&](rmrsc& rsc) { *out = load(rsc.*w.field); });
 }
 
-int set(const ResourceWord& w, const char* grpname, const char* type, const char* name, int value) {
+SHMRM_INLINE int set(const ResourceWord& w, const char* grpname, const char* type, const char* name,
+                     int value) {
     return with_resource(w.set_tag, grpname, type, name, true,
                          [&](rmrsc& rsc) { store(rsc.*w.field, value); });
 }

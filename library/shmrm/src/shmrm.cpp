@@ -59,11 +59,12 @@ void log_open() {
     name[sizeof name - 1] = '\0';
     vex::LogHandle handle = nullptr;
     im.loglib_open(name, &handle, level, size, 0, 0);
-    g.log_level.store(level, std::memory_order_relaxed);
     g.log.store(handle, std::memory_order_release);
+    if (handle != nullptr) g.log_level.store(level, std::memory_order_relaxed);
 }
 
 void log_close() {
+    g.log_level.store(kNoTrace, std::memory_order_relaxed);
     g.log_lock.enter();
     if (vex::LogHandle handle = g.log.load(std::memory_order_acquire)) {
         imports().loglib_close(handle);

@@ -17,39 +17,48 @@ namespace shmrm {
 // A match compares the key's characters and its NUL, and nothing after them, with the start of
 // the 32-byte field. The last 8 of those bytes (all of them, masked, for a key below 7
 // characters) are kept as one word and compared first: names that share a prefix differ at
-// their end, so most fields of a scan are passed over with one load and compare, and only a
-// field whose end matches has its remaining head compared.
+// their end, so most fields of a scan are passed over with one load and compare. A field whose
+// end matches has the rest of its head compared a word at a time; every word read of the key
+// lies within its characters and NUL.
 class Key {
   public:
     explicit Key(const char* s) : s_(s), len_(s ? ::strnlen(s, SHMRM_NAME_LEN) : 0) {
         if (s_ == nullptr || len_ == SHMRM_NAME_LEN) return;  // never compared
         if (len_ >= 7) {
             at_ = len_ - 7;
-            std::memcpy(&tail_, s_ + at_, sizeof tail_);  // ends with the NUL
+            tail_ = word(s_ + at_);  // ends with the NUL
             mask_ = ~std::uint64_t{0};
         } else {
             unsigned char bytes[8] = {};
             for (std::size_t i = 0; i < len_; ++i)
                 bytes[i] = static_cast<unsigned char>(s_[i]);
-            std::memcpy(&tail_, bytes, sizeof tail_);
+            tail_ = word(bytes);
             mask_ = first_bytes(len_ + 1);
         }
     }
     bool any() const { return s_ == nullptr; }
     bool impossible() const { return s_ != nullptr && len_ == SHMRM_NAME_LEN; }
     bool matches(const char* field) const {
-        if (s_ == nullptr) return true;
         if (len_ == SHMRM_NAME_LEN) return false;
-        std::uint64_t word;
-        std::memcpy(&word, field + at_, sizeof word);  // at_ + 8 <= 32: inside the field
-        if (((word ^ tail_) & mask_) != 0) return false;
-        return at_ == 0 || std::memcmp(field, s_, at_) == 0;
+        // at_ + 8 <= 32: inside the field. A null key has no bytes that count (mask_ 0, at_ 0).
+        if (((word(field + at_) ^ tail_) & mask_) != 0) return false;
+        // The head, [0, at_), in words that start below at_: a word starting at o < at_ ends
+        // at o + 7 < at_ + 7 = len_, within the key; overlapping the tail is harmless.
+        for (std::size_t o = 0; o < at_; o += 8) {
+            if (word(field + o) != word(s_ + o)) return false;
+        }
+        return true;
     }
     const char* str() const { return s_; }
     // The key for a not-found message: "-" for a null key.
     const char* shown() const { return s_ ? s_ : "-"; }
 
   private:
+    static std::uint64_t word(const void* p) {
+        std::uint64_t w;
+        std::memcpy(&w, p, sizeof w);
+        return w;
+    }
     // The mask of the first n (1 to 7) bytes of an 8-byte word, in memory order.
     static std::uint64_t first_bytes(std::size_t n) {
         if constexpr (std::endian::native == std::endian::little) {
@@ -71,6 +80,11 @@ inline const char* shown(const char* s) {
     return s ? s : "(null)";
 }
 
+// A count read from the region, within [0, limit].
+inline int clamp_count(int n, int limit) {
+    return n < 0 ? 0 : (n > limit ? limit : n);
+}
+
 // The group table. Positions are bounded by the room this process sized the table with, the
 // stride follows the header's rscmax, and counts are clamped into both.
 struct Groups {
@@ -79,16 +93,29 @@ struct Groups {
     int positions = 0;  // whole records that fit the room
     int rscmax = 0;     // header's rscmax, at least 0
 
-    static Groups of(unsigned char* base);
+    static Groups of(unsigned char* base) {
+        Groups t;
+        t.first = base + SHMRM_HEAD_SIZE;
+        const int r = load(head(base)->rscmax);
+        t.rscmax = r < 0 ? 0 : r;
+        t.stride = SHMRM_GRP_HEAD_SIZE + std::size_t(t.rscmax) * SHMRM_RSC_SIZE;
+        t.positions = t.rscmax == g.layout.rscmax ? g.layout.grpmax : positions_for(t.stride);
+        return t;
+    }
     rmgrp* at(int i) const { return reinterpret_cast<rmgrp*>(first + std::size_t(i) * stride); }
     static rmrsc* slot(rmgrp* grp, int j) {
         return reinterpret_cast<rmrsc*>(reinterpret_cast<unsigned char*>(grp) +
                                         SHMRM_GRP_HEAD_SIZE + std::size_t(j) * SHMRM_RSC_SIZE);
     }
     // Groups in use (header grpcnt within the room).
-    int used(unsigned char* base) const;
+    int used(unsigned char* base) const { return clamp_count(load(head(base)->grpcnt), positions); }
     // Slots in use in a group (its rsccnt within the header's rscmax).
-    int slots_used(rmgrp* grp) const;
+    int slots_used(rmgrp* grp) const { return clamp_count(load(grp->rsccnt), rscmax); }
+
+  private:
+    // Whole records of `stride` bytes that fit the room this process sized the table with,
+    // when the header no longer describes that table.
+    static int positions_for(std::size_t stride);
 };
 
 // The monitor table, bounded by the room this process sized it with.
@@ -96,9 +123,12 @@ struct Monitors {
     rmmon* first = nullptr;
     int positions = 0;
 
-    static Monitors of(unsigned char* base);
+    static Monitors of() {
+        return {reinterpret_cast<rmmon*>(g._prmmon.load(std::memory_order_relaxed)),
+                g.layout.monmax};
+    }
     rmmon* at(int i) const { return first + i; }
-    int used(unsigned char* base) const;
+    int used(unsigned char* base) const { return clamp_count(load(head(base)->moncnt), positions); }
 };
 
 // The position of the first group, in table order, whose name equals the key; -1 when none.
