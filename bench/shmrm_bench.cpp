@@ -1,6 +1,7 @@
 // Latency of the library's calls, each beside its floor: the same lookup on the same mapped
-// bytes written as the tightest inline loop there is (fixed 32-byte name compares, no argument
-// checks, no tracing, no call boundary). Every library row reports `ratio`, its time over the
+// bytes written as the tightest inline loop there is (each name prepared from the caller's string
+// as any lookup must, fixed 32-byte name compares, no argument checks, no tracing, no call
+// boundary). Every library row reports `ratio`, its time over the
 // median time of its floor, `over_ns`, the difference, and `allocs`, heap allocations per call.
 //
 // The process runs in an IPC namespace of its own and a temporary install directory (etc/vex.xml,
@@ -23,7 +24,7 @@
 #include <vector>
 
 #include "alloc_count.h"
-#include "shmrm_internal.h"
+#include "tables.h"
 #include "vexshmrm.h"
 
 namespace {
@@ -107,17 +108,16 @@ const char* mname(int k) {
     return names[static_cast<std::size_t>(k)].c_str();
 }
 
-// A name as it is stored: NUL-padded to the 32 bytes of its field. `tail` is the 8 bytes that
-// end with its NUL (or its first 8), the word a scan compares first.
-struct Name32 {
-    alignas(16) char b[SHMRM_NAME_LEN] = {};
-    std::size_t at = 0;
-    std::uint64_t tail = 0;
-    explicit Name32(const char* s) {
-        const std::size_t len = strnlen(s, sizeof b - 1);
-        std::memcpy(b, s, len);
-        at = len >= 7 ? len - 7 : 0;
-        std::memcpy(&tail, b + at, sizeof tail);
+// A caller's name, as the floor gets it: a C string. Each floor lookup prepares its key from it
+// on every call, as any lookup must, with the library's own key (its length, and the 8 bytes
+// that end with its NUL, compared first).
+struct Name {
+    const char* s;
+    explicit Name(const char* str) : s(str) {}
+    shmrm::Key key() const {
+        const char* str = s;
+        benchmark::DoNotOptimize(str);  // never hoisted out of the timed loop
+        return shmrm::Key(str);
     }
 };
 
@@ -230,21 +230,6 @@ void use_one_group(int n) {
 
 // ---- The floor: the same layout, read directly ------------------------------------------
 
-inline bool eq32(const void* a, const void* b) {
-    std::uint64_t x[4], y[4];
-    std::memcpy(x, a, sizeof x);
-    std::memcpy(y, b, sizeof y);
-    return ((x[0] ^ y[0]) | (x[1] ^ y[1]) | (x[2] ^ y[2]) | (x[3] ^ y[3])) == 0;
-}
-
-// A stored name against a padded one: the word at the end of the name first, the whole field
-// only when that matches.
-inline bool same_name(const char* field, const Name32& name) {
-    std::uint64_t word;
-    std::memcpy(&word, field + name.at, sizeof word);
-    return word == name.tail && eq32(field, name.b);
-}
-
 inline std::size_t stride_of(const rmhead* h) {
     return SHMRM_GRP_HEAD_SIZE + static_cast<std::size_t>(h->rscmax) * SHMRM_RSC_SIZE;
 }
@@ -259,24 +244,25 @@ inline rmrsc* floor_slots(rmgrp* grp) {
     return reinterpret_cast<rmrsc*>(reinterpret_cast<unsigned char*>(grp) + SHMRM_GRP_HEAD_SIZE);
 }
 
-inline rmgrp* floor_group(unsigned char* b, const Name32& name) {
+inline rmgrp* floor_group(unsigned char* b, Name given) {
+    const shmrm::Key name = given.key();
     const auto* h = reinterpret_cast<const rmhead*>(b);
     const int n = h->grpcnt;
     const std::size_t stride = stride_of(h);
     unsigned char* p = b + SHMRM_HEAD_SIZE;
     for (int i = 0; i < n; ++i, p += stride)
-        if (same_name(reinterpret_cast<const char*>(p), name)) return reinterpret_cast<rmgrp*>(p);
+        if (name.matches(reinterpret_cast<const char*>(p))) return reinterpret_cast<rmgrp*>(p);
     return nullptr;
 }
 
-inline rmrsc* floor_resource(unsigned char* b, const Name32& group, const Name32& type,
-                             const Name32& name) {
+inline rmrsc* floor_resource(unsigned char* b, Name group, Name given_type, Name given_name) {
     rmgrp* grp = floor_group(b, group);
     if (grp == nullptr) return nullptr;
     auto* slot = floor_slots(grp);
+    const shmrm::Key name = given_name.key(), type = given_type.key();
     const int n = grp->rsccnt;
     for (int j = 0; j < n; ++j)
-        if (same_name(slot[j].type, type) && same_name(slot[j].name, name)) return &slot[j];
+        if (name.matches(slot[j].name) && type.matches(slot[j].type)) return &slot[j];
     return nullptr;
 }
 
@@ -286,11 +272,12 @@ inline rmmon* floor_monitors(unsigned char* b) {
                                     static_cast<std::size_t>(h->grpmax) * stride_of(h));
 }
 
-inline rmmon* floor_monitor(unsigned char* b, const Name32& type, const Name32& name) {
+inline rmmon* floor_monitor(unsigned char* b, Name given_type, Name given_name) {
+    const shmrm::Key name = given_name.key(), type = given_type.key();
     const int n = reinterpret_cast<const rmhead*>(b)->moncnt;
     rmmon* mon = floor_monitors(b);
     for (int k = 0; k < n; ++k)
-        if (same_name(mon[k].type, type) && same_name(mon[k].name, name)) return &mon[k];
+        if (name.matches(mon[k].name) && type.matches(mon[k].type)) return &mon[k];
     return nullptr;
 }
 
@@ -413,7 +400,7 @@ void register_words(int level, const std::string& prefix) {
     for (const Where& w : rsc_at) {
         const char* g = gname(w.group);
         const char* n = rname(w.group, w.slot);
-        const Name32 G(g), T(kRscType), N(n);
+        const Name G(g), T(kRscType), N(n);
         pair(
             prefix + "rsc_get/" + w.label, prep,
             [=] {
@@ -445,7 +432,7 @@ void register_words(int level, const std::string& prefix) {
     const Where mon_at[] = {{"middle", 64, 0}, {"end", 127, 0}};
     for (const Where& w : mon_at) {
         const char* n = mname(w.group);
-        const Name32 T(kMonType), N(n);
+        const Name T(kMonType), N(n);
         pair(
             prefix + "mon_get/" + w.label, prep,
             [=] {
@@ -486,7 +473,7 @@ void register_copies() {
     const char* g = gname(64);
     const char* n = rname(64, 8);
     const char* m = mname(64);
-    const Name32 G(g), T(kRscType), N(n), MT(kMonType), M(m);
+    const Name G(g), T(kRscType), N(n), MT(kMonType), M(m);
     pair(
         "rsc_sv_get/middle", prep,
         [=] {
@@ -612,7 +599,7 @@ void register_copies() {
 void register_lists() {
     auto prep = [] { use_full(); };
     const char* g = gname(64);
-    const Name32 G(g);
+    const Name G(g);
     pair(
         "enum_grp", prep,
         [=] {
@@ -699,12 +686,14 @@ void register_add_remove() {
             shmrm_rmgrp(gname(127));
             g_fill = Fill::kNone;
             unsigned char* b = base();
-            const Name32 N(gname(127));
+            const Name N(gname(127));
             return [=] {
                 auto* h = reinterpret_cast<rmhead*>(b);
                 const std::size_t stride = stride_of(h);
                 unsigned char* first = b + SHMRM_HEAD_SIZE;
-                std::memcpy(first + static_cast<std::size_t>(h->grpcnt) * stride, N.b, 32);
+                shmrm::bounded_copy(
+                    reinterpret_cast<char*>(first + std::size_t(h->grpcnt) * stride), N.s,
+                    SHMRM_NAME_LEN);
                 ++h->grpcnt;
                 rmgrp* grp = floor_group(b, N);
                 std::memset(grp, 0, stride);
@@ -728,12 +717,12 @@ void register_add_remove() {
             shmrm_rmrsc(gname(64), kRscType, rname(64, 15));
             g_fill = Fill::kNone;
             unsigned char* b = base();
-            const Name32 G(gname(64)), T(kRscType), N(rname(64, 15));
+            const Name G(gname(64)), T(kRscType), N(rname(64, 15));
             return [=] {
                 rmgrp* grp = floor_group(b, G);
                 auto* slot = floor_slots(grp);
-                std::memcpy(slot[grp->rsccnt].type, T.b, 32);
-                std::memcpy(slot[grp->rsccnt].name, N.b, 32);
+                shmrm::bounded_copy(slot[grp->rsccnt].type, T.s, SHMRM_NAME_LEN);
+                shmrm::bounded_copy(slot[grp->rsccnt].name, N.s, SHMRM_NAME_LEN);
                 ++grp->rsccnt;
                 std::memset(floor_resource(b, G, T, N), 0, SHMRM_RSC_SIZE);
                 --grp->rsccnt;
@@ -756,12 +745,12 @@ void register_add_remove() {
             shmrm_rmmon(kMonType, mname(127));
             g_fill = Fill::kNone;
             unsigned char* b = base();
-            const Name32 T(kMonType), N(mname(127));
+            const Name T(kMonType), N(mname(127));
             return [=] {
                 auto* h = reinterpret_cast<rmhead*>(b);
                 rmmon* mon = floor_monitors(b);
-                std::memcpy(mon[h->moncnt].type, T.b, 32);
-                std::memcpy(mon[h->moncnt].name, N.b, 32);
+                shmrm::bounded_copy(mon[h->moncnt].type, T.s, SHMRM_NAME_LEN);
+                shmrm::bounded_copy(mon[h->moncnt].name, N.s, SHMRM_NAME_LEN);
                 ++h->moncnt;
                 std::memset(floor_monitor(b, T, N), 0, SHMRM_MON_SIZE);
                 --h->moncnt;
@@ -849,7 +838,7 @@ void register_misses() {
                 benchmark::DoNotOptimize(shmrm_getmonstat(kMonType, kLongName, &v));
             };
         });
-    const Name32 M(kMissingName), T(kRscType), MT(kMonType);
+    const Name M(kMissingName), T(kRscType), MT(kMonType);
     pair(
         "miss_scan/grp_get", quiet,
         [=] {
@@ -919,7 +908,7 @@ void register_scaling() {
         "scale/grp_get_last", 1, kMaxGroups, 4, [](int n) { use_groups(n, false); },
         [](int n) {
             unsigned char* b = base();
-            const Name32 N(gname(n - 1));
+            const Name N(gname(n - 1));
             return [=] { benchmark::DoNotOptimize(floor_group(b, N)->stat); };
         },
         [](int n) {
@@ -933,7 +922,7 @@ void register_scaling() {
         "scale/rsc_get_last", 1, kMaxSlots, 2, [](int n) { use_one_group(n); },
         [](int n) {
             unsigned char* b = base();
-            const Name32 G(gname(0)), T(kRscType), N(rname(0, n - 1));
+            const Name G(gname(0)), T(kRscType), N(rname(0, n - 1));
             return [=] { benchmark::DoNotOptimize(floor_resource(b, G, T, N)->stat); };
         },
         [](int n) {

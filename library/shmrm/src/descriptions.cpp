@@ -24,7 +24,7 @@ int with_description(const Call& call, const char* grpname, const char* type, co
     bool monitor = grpname == nullptr;
     if (monitor) {
         const Monitors monitors = Monitors::of();
-        const int i = find_monitor(monitors, base, Key(type), Key(name));
+        const int i = find_monitor(monitors, base, type, name);
         if (i >= 0) field = monitors.at(i)->descript;
     } else {
         const Resource found = find_resource(base, Key(grpname), Key(type), Key(name), visit,

@@ -41,10 +41,9 @@ SHMRM_INLINE int with_monitor(const char* tag, const char* type, const char* nam
     if (base == nullptr) return call.fail(SHMRM_ERR_NOTINIT, "not init");
     if (name == nullptr || !args_ok) return call.fail(SHMRM_ERR_PARAM, "invalid param");
     const Monitors monitors = Monitors::of();
-    const Key kind(type);
-    const int i = find_monitor(monitors, base, kind, Key(name));
+    const int i = find_monitor(monitors, base, type, name);
     if (i < 0) {
-        SHMRM_TRACE(SHMRM_LOG_ERROR, tag, "type:%s,name:%s not found", kind.shown(), name);
+        SHMRM_TRACE(SHMRM_LOG_ERROR, tag, "type:%s,name:%s not found", Key::shown(type), name);
         return call.exit(SHMRM_ERR_NOTFOUND);
     }
     act(*monitors.at(i));
@@ -75,7 +74,7 @@ SHMRM_INLINE int with_progress(const char* tag, const char* type, const char* na
         return call.fail(SHMRM_ERR_NOTINIT, "_prmmon is not init");
     if (name == nullptr || !args_ok) return call.fail(SHMRM_ERR_PARAM, "invalid param");
     const Monitors monitors = Monitors::of();
-    const int i = find_monitor(monitors, base, Key(type), Key(name));
+    const int i = find_monitor(monitors, base, type, name);
     if (i < 0) {
         SHMRM_TRACE(SHMRM_LOG_ERROR, tag, "name:%s not found", name);
         return call.exit(SHMRM_ERR_NOTFOUND);
@@ -116,11 +115,11 @@ SHMRM_EXPORT int shmrm_rmmon(const char* type, const char* name) {
     if (name == nullptr) return call.fail(SHMRM_ERR_PARAM, "invalid param");
     SHMRM_TRACE(SHMRM_LOG_PARAM, call.tag(), "[in]type:%s, name:%s", shown(type), name);
     const Monitors monitors = Monitors::of();
-    const Key kind(type);
     const int used = monitors.used(base);
-    const int i = find_monitor(monitors, base, kind, Key(name));
+    const int i = find_monitor(monitors, base, type, name);
     if (i < 0) {
-        SHMRM_TRACE(SHMRM_LOG_ERROR, call.tag(), "type:%s,name:%s not found", kind.shown(), name);
+        SHMRM_TRACE(SHMRM_LOG_ERROR, call.tag(), "type:%s,name:%s not found", Key::shown(type),
+                    name);
         return call.exit(SHMRM_ERR_NOTFOUND);
     }
     remove_record(reinterpret_cast<unsigned char*>(monitors.first), SHMRM_MON_SIZE, i, used);
@@ -220,7 +219,7 @@ SHMRM_EXPORT int shmrm_getmoninfo(char* buf, const char* name) {
     if (base == nullptr) return call.fail(SHMRM_ERR_NOTINIT, "not init");
     if (name == nullptr || *name == '\0') return call.fail(SHMRM_ERR_PARAM, "invalid param");
     const Monitors monitors = Monitors::of();
-    const int i = find_monitor(monitors, base, Key(nullptr), Key(name));
+    const int i = find_monitor(monitors, base, nullptr, name);
     if (i < 0) {
         SHMRM_TRACE(SHMRM_LOG_ERROR, call.tag(), "name:%s not found", name);
         return call.exit(SHMRM_ERR_NOTFOUND);

@@ -27,11 +27,13 @@ SHMRM_INLINE int with_resource(const char* tag, const char* grpname, const char*
     unsigned char* base = region();
     if (base == nullptr) return call.fail(SHMRM_ERR_NOTINIT, "not init");
     if (name == nullptr || !args_ok) return call.fail(SHMRM_ERR_PARAM, "invalid param");
-    const Key group(grpname), kind(type);
-    const Resource found = find_resource(base, group, kind, Key(name));
+    // A name that no record can carry is answered before the other keys are measured.
+    const Key key(name);
+    const Resource found =
+        key.impossible() ? Resource{} : find_resource(base, Key(grpname), Key(type), key);
     if (!found) {
-        SHMRM_TRACE(SHMRM_LOG_ERROR, tag, "group:%s,type:%s,name:%s not found", group.shown(),
-                    kind.shown(), name);
+        SHMRM_TRACE(SHMRM_LOG_ERROR, tag, "group:%s,type:%s,name:%s not found", Key::shown(grpname),
+                    Key::shown(type), name);
         return call.exit(SHMRM_ERR_NOTFOUND);
     }
     act(*found.rsc);
@@ -91,11 +93,10 @@ SHMRM_EXPORT int shmrm_rmrsc(const char* grpname, const char* type, const char* 
     if (name == nullptr) return call.fail(SHMRM_ERR_PARAM, "invalid param");
     SHMRM_TRACE(SHMRM_LOG_PARAM, call.tag(), "[in]grpname:%s, type:%s, name:%s", shown(grpname),
                 shown(type), name);
-    const Key group(grpname), kind(type);
-    const Resource found = find_resource(base, group, kind, Key(name));
+    const Resource found = find_resource(base, Key(grpname), Key(type), Key(name));
     if (!found) {
         SHMRM_TRACE(SHMRM_LOG_ERROR, call.tag(), "grpname:%s,type:%s,name:%s not found",
-                    group.shown(), kind.shown(), name);
+                    Key::shown(grpname), Key::shown(type), name);
         return call.exit(SHMRM_ERR_NOTFOUND);
     }
     const int used = Groups::of(base).slots_used(found.group);
@@ -206,10 +207,10 @@ SHMRM_EXPORT int shmrm_getrscgrp(char* grpname, const char* type, const char* na
     unsigned char* base = region();
     if (base == nullptr) return call.fail(SHMRM_ERR_NOTINIT, "not init");
     if (name == nullptr || grpname == nullptr) return call.fail(SHMRM_ERR_PARAM, "invalid param");
-    const Key kind(type);
-    const Resource found = find_resource(base, Key(nullptr), kind, Key(name));
+    const Resource found = find_resource(base, Key(nullptr), Key(type), Key(name));
     if (!found) {
-        SHMRM_TRACE(SHMRM_LOG_ERROR, call.tag(), "type:%s,name:%s not found", kind.shown(), name);
+        SHMRM_TRACE(SHMRM_LOG_ERROR, call.tag(), "type:%s,name:%s not found", Key::shown(type),
+                    name);
         return call.exit(SHMRM_ERR_NOTFOUND);
     }
     copy_out(grpname, found.group->name, SHMRM_NAME_LEN);

@@ -12,7 +12,9 @@ int Groups::positions_for(std::size_t stride) {
     return static_cast<int>(std::min<std::size_t>(room / stride, INT_MAX));
 }
 
-int find_group(const Groups& groups, int used, const Key& name) {
+// Keys are copied to locals so that they stay in registers through a scan.
+int find_group(const Groups& groups, int used, const Key& key) {
+    const Key name = key;
     if (name.impossible()) return -1;
     for (int i = 0; i < used; ++i) {
         if (name.matches(groups.at(i)->name)) return i;
@@ -20,12 +22,16 @@ int find_group(const Groups& groups, int used, const Key& name) {
     return -1;
 }
 
-int find_monitor(const Monitors& monitors, unsigned char* base, const Key& type, const Key& name) {
-    if (type.impossible() || name.impossible()) return -1;
+int find_monitor(const Monitors& monitors, unsigned char* base, const char* type_key,
+                 const char* name_key) {
+    const Key name(name_key);
+    if (name.impossible()) return -1;
+    const Key type(type_key);
+    if (type.impossible()) return -1;
     const int used = monitors.used(base);
     for (int i = 0; i < used; ++i) {
         rmmon* mon = monitors.at(i);
-        if (type.matches(mon->type) && name.matches(mon->name)) return i;
+        if (name.matches(mon->name) && type.matches(mon->type)) return i;  // names differ more
     }
     return -1;
 }

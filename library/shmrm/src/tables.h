@@ -50,8 +50,8 @@ class Key {
         return true;
     }
     const char* str() const { return s_; }
-    // The key for a not-found message: "-" for a null key.
-    const char* shown() const { return s_ ? s_ : "-"; }
+    // A key for a not-found message: "-" for a null key.
+    static const char* shown(const char* key) { return key ? key : "-"; }
 
   private:
     static std::uint64_t word(const void* p) {
@@ -155,21 +155,25 @@ Resource find_resource(unsigned char* base, const Key& group, const Key& type, c
     if (!visit_all && (group.impossible() || type.impossible() || name.impossible())) return {};
     const Groups groups = Groups::of(base);
     const int used = groups.used(base);
+    // Local copies stay in registers through the scan. Names tell records apart, types often
+    // do not: the name is compared first.
+    const Key gk = group, tk = type, nk = name;
     for (int i = 0; i < used; ++i) {
         rmgrp* grp = groups.at(i);
-        if (!group.matches(grp->name)) continue;
+        if (!gk.matches(grp->name)) continue;
         const int slots = groups.slots_used(grp);
         for (int j = 0; j < slots; ++j) {
             rmrsc* rsc = Groups::slot(grp, j);
             visit(j, *rsc);
-            if (type.matches(rsc->type) && name.matches(rsc->name)) return {grp, rsc, j};
+            if (nk.matches(rsc->name) && tk.matches(rsc->type)) return {grp, rsc, j};
         }
     }
     return {};
 }
 
 // The position of the first monitor in table order whose type and name match; -1 when none.
-int find_monitor(const Monitors& monitors, unsigned char* base, const Key& type, const Key& name);
+// A name that no record can carry is answered before the type is measured.
+int find_monitor(const Monitors& monitors, unsigned char* base, const char* type, const char* name);
 
 // Copies text into n bytes: at most n bytes of it, the rest of the n bytes NUL.
 inline void bounded_copy(char* dst, const char* text, std::size_t n) {
