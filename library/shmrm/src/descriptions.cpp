@@ -27,8 +27,8 @@ int with_description(const Call& call, const char* grpname, const char* type, co
         const int i = find_monitor(monitors, base, type, name);
         if (i >= 0) field = monitors.at(i)->descript;
     } else {
-        const Resource found = find_resource(base, Key(grpname), Key(type), Key(name), visit,
-                                             trace_enabled(SHMRM_LOG_PARAM));
+        const Resource found =
+            find_resource(base, grpname, type, name, visit, trace_enabled(SHMRM_LOG_PARAM));
         if (found) field = found.rsc->descript;
     }
     if (field == nullptr) {

@@ -27,10 +27,7 @@ SHMRM_INLINE int with_resource(const char* tag, const char* grpname, const char*
     unsigned char* base = region();
     if (base == nullptr) return call.fail(SHMRM_ERR_NOTINIT, "not init");
     if (name == nullptr || !args_ok) return call.fail(SHMRM_ERR_PARAM, "invalid param");
-    // A name that no record can carry is answered before the other keys are measured.
-    const Key key(name);
-    const Resource found =
-        key.impossible() ? Resource{} : find_resource(base, Key(grpname), Key(type), key);
+    const Resource found = find_resource(base, grpname, type, name);
     if (!found) {
         SHMRM_TRACE(SHMRM_LOG_ERROR, tag, "group:%s,type:%s,name:%s not found", Key::shown(grpname),
                     Key::shown(type), name);
@@ -93,7 +90,7 @@ SHMRM_EXPORT int shmrm_rmrsc(const char* grpname, const char* type, const char* 
     if (name == nullptr) return call.fail(SHMRM_ERR_PARAM, "invalid param");
     SHMRM_TRACE(SHMRM_LOG_PARAM, call.tag(), "[in]grpname:%s, type:%s, name:%s", shown(grpname),
                 shown(type), name);
-    const Resource found = find_resource(base, Key(grpname), Key(type), Key(name));
+    const Resource found = find_resource(base, grpname, type, name);
     if (!found) {
         SHMRM_TRACE(SHMRM_LOG_ERROR, call.tag(), "grpname:%s,type:%s,name:%s not found",
                     Key::shown(grpname), Key::shown(type), name);
@@ -207,7 +204,7 @@ SHMRM_EXPORT int shmrm_getrscgrp(char* grpname, const char* type, const char* na
     unsigned char* base = region();
     if (base == nullptr) return call.fail(SHMRM_ERR_NOTINIT, "not init");
     if (name == nullptr || grpname == nullptr) return call.fail(SHMRM_ERR_PARAM, "invalid param");
-    const Resource found = find_resource(base, Key(nullptr), Key(type), Key(name));
+    const Resource found = find_resource(base, nullptr, type, name);
     if (!found) {
         SHMRM_TRACE(SHMRM_LOG_ERROR, call.tag(), "type:%s,name:%s not found", Key::shown(type),
                     name);
@@ -224,7 +221,7 @@ SHMRM_EXPORT int shmrm_getrscinfo(char* grpname, char* rsctype, const char* rscn
     if (rscname == nullptr || *rscname == '\0') return call.fail(SHMRM_ERR_PARAM, "invalid param");
     const bool traced = trace_enabled(SHMRM_LOG_PARAM);
     const Resource found = find_resource(
-        base, Key(nullptr), Key(nullptr), Key(rscname),
+        base, nullptr, nullptr, rscname,
         [&](int slot, const rmrsc& rsc) {
             SHMRM_TRACE(SHMRM_LOG_PARAM, call.tag(), "rscname:%s, prsc[%d].name:%.32s", rscname,
                         slot, rsc.name);

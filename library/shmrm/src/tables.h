@@ -145,27 +145,29 @@ struct NoVisit {
     void operator()(int, const rmrsc&) const {}
 };
 
-// The first resource, in table order, of a group matching `group` whose type and name match:
+// The first resource, in table order, of a group matching the group key whose type and name match:
 // a group of the right name without such a resource does not end the search. `visit` sees
 // every slot examined, before it is compared; with `visit_all` false a key that cannot match
 // answers at once, without a scan.
 template <typename Visit = NoVisit>
-Resource find_resource(unsigned char* base, const Key& group, const Key& type, const Key& name,
-                       Visit visit = {}, bool visit_all = false) {
-    if (!visit_all && (group.impossible() || type.impossible() || name.impossible())) return {};
+Resource find_resource(unsigned char* base, const char* group_key, const char* type_key,
+                       const char* name_key, Visit visit = {}, bool visit_all = false) {
+    // Names tell records apart, types often do not: the name is measured and compared first,
+    // and a name that no record can carry is answered before the other keys are measured.
+    const Key name(name_key);
+    if (!visit_all && name.impossible()) return {};
+    const Key group(group_key), type(type_key);
+    if (!visit_all && (group.impossible() || type.impossible())) return {};
     const Groups groups = Groups::of(base);
     const int used = groups.used(base);
-    // Local copies stay in registers through the scan. Names tell records apart, types often
-    // do not: the name is compared first.
-    const Key gk = group, tk = type, nk = name;
     for (int i = 0; i < used; ++i) {
         rmgrp* grp = groups.at(i);
-        if (!gk.matches(grp->name)) continue;
+        if (!group.matches(grp->name)) continue;
         const int slots = groups.slots_used(grp);
         for (int j = 0; j < slots; ++j) {
             rmrsc* rsc = Groups::slot(grp, j);
             visit(j, *rsc);
-            if (nk.matches(rsc->name) && tk.matches(rsc->type)) return {grp, rsc, j};
+            if (name.matches(rsc->name) && type.matches(rsc->type)) return {grp, rsc, j};
         }
     }
     return {};
