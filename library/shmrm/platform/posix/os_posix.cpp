@@ -444,9 +444,7 @@ unsigned wait_mutex(Handle mutex, unsigned timeout_ms) {
             deadline.tv_sec += 1;
             deadline.tv_nsec -= 1000000000L;
         }
-        do {
-            r = clock_lock(m, &deadline);
-        } while (r == EINTR);
+        r = clock_lock(m, &deadline);  // never interrupted
     }
     switch (r) {
         case 0:
