@@ -5,7 +5,7 @@
 set -euo pipefail
 
 packages=(cmake make g++ binutils pkg-config libpugixml-dev googletest libgtest-dev libgmock-dev
-          libbenchmark-dev clang-format libcli11-dev nlohmann-json3-dev libfmt-dev tmux python3-matplotlib
+          libbenchmark-dev clang-format libcli11-dev nlohmann-json3-dev libfmt-dev tmux python3-matplotlib gcovr
           g++-mingw-w64-x86-64-posix binutils-mingw-w64-x86-64 wine wine64)
 
 sudo=""

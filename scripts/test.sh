@@ -1,17 +1,22 @@
 #!/usr/bin/env bash
 # Builds vexshmrm and runs the whole test suite: the default build, the same suite under
-# AddressSanitizer and UndefinedBehaviorSanitizer, then under ThreadSanitizer, and the Windows
-# DLL's build with the suite run under Wine.
-#   scripts/test.sh [preset ...]     (default: default asan tsan windows)
+# AddressSanitizer and UndefinedBehaviorSanitizer, then under ThreadSanitizer, the Windows
+# DLL's build with the suite run under Wine, and last the coverage build, which fails below the
+# library's coverage floor (scripts/coverage.sh).
+#   scripts/test.sh [preset ...]     (default: default asan tsan windows coverage)
 set -euo pipefail
 cd "$(dirname "$0")/.."
 scripts/deps.sh
 
 presets=("$@")
-if ((${#presets[@]} == 0)); then presets=(default asan tsan windows); fi
+if ((${#presets[@]} == 0)); then presets=(default asan tsan windows coverage); fi
 jobs=$(nproc)
 for preset in "${presets[@]}"; do
   echo "== $preset"
+  if [ "$preset" = coverage ]; then
+    scripts/coverage.sh
+    continue
+  fi
   cmake --preset "$preset" >/dev/null
   cmake --build --preset "$preset" -j "$jobs"
   ctest --preset "$preset" -j "$((jobs * 2))"

@@ -12,6 +12,7 @@ using namespace vextest;
 class GroupTest : public TableTest {};
 
 const std::string k31(31, 'g'), k40(40, 'g');
+const std::string h31 = "h" + std::string(30, 'g');  // k31's end, another start
 
 TEST_F(GroupTest, EveryExportNeedsTheRegionBeforeItsArguments) {
     const NotInit rows[] = {
@@ -53,6 +54,8 @@ TEST_F(GroupTest, CallsTraceTheirInputAndFailures) {
          failure("_setgrpsv", "invalid param", SHMRM_ERR_PARAM)},
         {[] { return shmrm_setgrpsv("zz", "x"); }, SHMRM_ERR_NOTFOUND,
          failure("_setgrpsv", "name:zz not found", SHMRM_ERR_NOTFOUND)},
+        {[] { return shmrm_setgrpsv(h31.c_str(), "x"); }, SHMRM_ERR_NOTFOUND,
+         failure("_setgrpsv", "name:" + h31 + " not found", SHMRM_ERR_NOTFOUND)},
         {[] { return shmrm_setgrpfocnt("", 1); }, SHMRM_ERR_NOTFOUND,
          failure("_setgrpfocnt", "name: not found", SHMRM_ERR_NOTFOUND)},
         {[] { return shmrm_addgrp(nullptr); }, SHMRM_ERR_PARAM,
@@ -91,7 +94,8 @@ TEST_F(GroupTest, DamagedHeaderNeverReachesPastTheRegion) {
                 {36, INT_MAX},
                 {44, INT_MAX},
                 {grp_at(0) + 296, INT_MAX},
-                {grp_at(1) + 296, -3}};
+                {grp_at(1) + 296, -3},
+                {grp_at(3) + 296, -1}};
     unsigned char* base = shmrm::region();
     const std::ptrdiff_t end = (kRegionSize + 4095) / 4096 * 4096;
     const std::string r31(31, 'r'), m31(31, 'm');

@@ -1,5 +1,6 @@
 // The region lifecycle through the import seam: every failure of create and attach, the
 // configuration they read, the attach count, release and clear.
+#include <cstring>
 #include <memory>
 #include <ostream>
 #include <tuple>
@@ -65,6 +66,7 @@ struct FailureRow {
     Capacities caps;
     int result;
     Strings errors;  // the level-1 lines, in order
+    int level = 32;  // of the log
 };
 
 void PrintTo(const FailureRow& row, std::ostream* out) {
@@ -84,6 +86,7 @@ std::vector<FailureRow> failure_rows() {
              {"VexutilGetInstallPath() failed.", "shmrm_loadinfo() failed(ret:16)"}},
             {"ZeroGroups", op, nullptr, {0, 16, 128}, SHMRM_ERR_LOADINFO, bad_caps},
             {"NegativeResources", op, nullptr, {128, -1, 128}, SHMRM_ERR_LOADINFO, bad_caps},
+            {"ZeroMonitors", op, nullptr, {128, 16, 0}, SHMRM_ERR_LOADINFO, bad_caps},
             {"RegionOf2GiB", op, nullptr, {1, 1, 5212336}, SHMRM_ERR_LOADINFO, bad_caps},
             {"RegionPast32Bits", op, nullptr, {1 << 30, 16, 1}, SHMRM_ERR_LOADINFO, bad_caps},
         });
@@ -97,6 +100,15 @@ std::vector<FailureRow> failure_rows() {
          {"VexutilOpenNamedFileMapping() failed(errno:2)"}},
     });
     // clang-format on
+    // Each again with the log at level 0: nothing is traced, and the unwinding is the same.
+    const std::size_t traced = rows.size();
+    for (std::size_t i = 0; i < traced; ++i) {
+        FailureRow quiet = rows[i];
+        quiet.name += "Quiet";
+        quiet.errors.clear();
+        quiet.level = 0;
+        rows.push_back(quiet);
+    }
     return rows;
 }
 
@@ -105,7 +117,7 @@ class LifecycleFailure : public LifecycleTest, public testing::WithParamInterfac
 TEST_P(LifecycleFailure, LeavesTheProcessUnmapped) {
     const FailureRow& row = GetParam();
     Held other = row.result == SHMRM_ERR_OPENMAP ? Held(nullptr, nullptr) : hold_region();
-    sandbox_.configure(row.caps, 32);
+    sandbox_.configure(row.caps, row.level);
     if (row.failing != nullptr) fake_.fail(row.failing, -1, 5);
     shmrm::g.attach_count = 3;
 
@@ -131,8 +143,13 @@ TEST_P(LifecycleFailure, LeavesTheProcessUnmapped) {
     EXPECT_EQ(fake_.log_closes, 1);
     ASSERT_GE(xml.size(), 2u);  // the XML library is always released
     EXPECT_EQ(Strings(xml.end() - 2, xml.end()), (Strings{"xmllib_unload_config", "xmllib_term"}));
-    ASSERT_FALSE(fake_.lines.empty());
-    EXPECT_EQ(fake_.lines.back(), (TraceLine{SHMRM_LOG_FUNC, row.op.tag, exit_line(row.result)}));
+    if (row.level == 0) {
+        EXPECT_TRUE(fake_.lines.empty());
+    } else {
+        ASSERT_FALSE(fake_.lines.empty());
+        EXPECT_EQ(fake_.lines.back(),
+                  (TraceLine{SHMRM_LOG_FUNC, row.op.tag, exit_line(row.result)}));
+    }
     if (row.result == SHMRM_ERR_CREATEMAP) {  // the size stays computed
         EXPECT_EQ(shmrm::g.region_size.load(), kDefaultSize);
     }
@@ -191,26 +208,29 @@ TEST_F(LifecycleTest, XmlTroubleIsTracedAndTheCallSucceeds) {
         // The policy that did not load cannot be unloaded either.
         {nullptr, "xmllib_load_policy", 3, {"xmllib_load_policy(shmrm) failed(ret:99)",
          "xmllib_unload_policy(shmrm) failed(ret:" + no_policy + ")"}, {4, 2, 8}, 11928},
+        {nullptr, "xmllib_unload_config", 1, {"xmllib_unload_config() failed(ret:99)"},
+         {4, 2, 8}, 11928},
         {nullptr, "xmllib_term", 1, {"xmllib_term() failed(ret:99)"}, {4, 2, 8}, 11928},
         // clang-format on
     };
-    for (const Row& row : rows) {
-        SCOPED_TRACE(row.messages[0]);
-        if (row.all != nullptr) {
-            sandbox_.write_config(std::string("<root>") + row.all +
-                                  "<shmrm><log><level>32</level></log></shmrm></root>");
-        } else {
-            sandbox_.configure({4, 2, 8}, 32);
+    for (int level : {32, 0})
+        for (const Row& row : rows) {
+            SCOPED_TRACE(row.messages[0] + " at level " + std::to_string(level));
+            if (row.all != nullptr) {
+                sandbox_.write_config(std::string("<root>") + row.all + "<shmrm><log><level>" +
+                                      std::to_string(level) + "</level></log></shmrm></root>");
+            } else {
+                sandbox_.configure({4, 2, 8}, level);
+            }
+            FakeImports fake;
+            if (row.call != nullptr) fake.fail(row.call, 99, 5, row.nth);
+            ASSERT_EQ(shmrm_create(), SHMRM_OK);
+            EXPECT_EQ(fake.texts(SHMRM_LOG_ERROR), level == 0 ? Strings{} : row.messages);
+            EXPECT_EQ(maxvalues(), row.caps);
+            EXPECT_EQ(shmrm::g.region_size.load(), row.size);
+            EXPECT_EQ(shmrm_delete(), SHMRM_OK);
+            vex::xmllib_term();
         }
-        FakeImports fake;
-        if (row.call != nullptr) fake.fail(row.call, 99, 5, row.nth);
-        ASSERT_EQ(shmrm_create(), SHMRM_OK);
-        EXPECT_EQ(fake.texts(SHMRM_LOG_ERROR), row.messages);
-        EXPECT_EQ(maxvalues(), row.caps);
-        EXPECT_EQ(shmrm::g.region_size.load(), row.size);
-        EXPECT_EQ(shmrm_delete(), SHMRM_OK);
-        vex::xmllib_term();
-    }
 }
 
 TEST_F(LifecycleTest, CreateRetriesTheMappingAfterAPause) {
@@ -238,6 +258,21 @@ TEST_F(LifecycleTest, MappingAgainOnlyWarns) {
                                                        {SHMRM_LOG_FUNC, op.tag, exit_line(0)}}));
         EXPECT_EQ(shmrm::g.attach_count, count + (op.fn == shmrm_attach ? 1 : 0));
     }
+}
+
+TEST_F(LifecycleTest, WithoutTheLogTheRegionStillMaps) {
+    fake_.fail("loglib_open");
+    EXPECT_EQ(shmrm_create(), SHMRM_OK);
+    EXPECT_TRUE(mapped());
+    EXPECT_EQ(shmrm_delete(), SHMRM_OK);
+    Held other = hold_region();
+    EXPECT_EQ(shmrm_attach(), SHMRM_OK);
+    EXPECT_EQ(shmrm_detach(), SHMRM_OK);
+    EXPECT_FALSE(mapped());
+    EXPECT_EQ(fake_.log_opens, 2);
+    EXPECT_EQ(fake_.log_closes, 0);
+    EXPECT_TRUE(fake_.lines.empty());
+    EXPECT_EQ(fake_.open_handles(), 0);
 }
 
 TEST_F(LifecycleTest, TheLastDetachUnmaps) {
@@ -285,6 +320,17 @@ TEST_F(LifecycleTest, ClearZeroesTheWholeRegion) {
     // Only setmaxvalue gives the region its capacities back.
     EXPECT_EQ(shmrm_setmaxvalue(128, 16, 128), SHMRM_OK);
     EXPECT_EQ(maxvalues(), (std::vector{128, 16, 128}));
+}
+
+TEST_F(LifecycleTest, ClearStopsAtTheSizeOfThisProcess) {
+    Held other = hold_region();  // larger than this process's capacities make it
+    sandbox_.configure({4, 2, 8}, 32);
+    ASSERT_EQ(shmrm_attach(), SHMRM_OK);
+    unsigned char* base = shmrm::region();
+    std::memset(base, 0x5A, kDefaultSize);
+    EXPECT_EQ(shmrm_clear(), SHMRM_OK);
+    EXPECT_EQ(std::count(base, base + kDefaultSize, 0), 11928);
+    EXPECT_EQ(base[11927], 0);
 }
 
 }  // namespace

@@ -1,17 +1,36 @@
 // The named objects of the platform layer, below the library.
 #include <gtest/gtest.h>
 
+#include <cstdlib>
+#include <functional>
 #include <string>
 #include <thread>
 
 #include "os.h"
+#include "support/sandbox.h"
+#include "vexutil.h"
+
+#if !defined(_WIN32)
+#include <fcntl.h>
+#include <signal.h>
+#include <sys/mman.h>
+#include <sys/resource.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <filesystem>
+#include <vector>
+#endif
 
 namespace {
 
 namespace os = vex::os;
 
+// Inside the test process's IPC namespace, so that what the objects leave behind (their guards)
+// goes with it.
 std::string unique_name(const char* what) {
-    return std::string("vexostest.") + std::to_string(os::process_id()) + "." + what;
+    const char* ns = std::getenv("VEX_IPC_NAMESPACE");
+    return std::string(ns != nullptr ? ns : "vexostest") + ".os." + what;
 }
 
 TEST(NamedMapping, LivesWhileAHandleOrAViewHoldsIt) {
@@ -45,15 +64,15 @@ TEST(NamedMapping, LivesWhileAHandleOrAViewHoldsIt) {
     ASSERT_NE(opened, nullptr);
     EXPECT_TRUE(os::close_handle(opened));
 #endif
-    EXPECT_TRUE(os::unmap_view(view));
     EXPECT_TRUE(os::unmap_view(view2));
+    EXPECT_TRUE(os::unmap_view(view));
 
     EXPECT_EQ(os::open_named_mapping(name.c_str()), nullptr);
     EXPECT_EQ(os::last_error(), os::kErrorFileNotFound);
     os::Handle fresh = os::create_named_mapping(4096, name.c_str());
     ASSERT_NE(fresh, nullptr);
     EXPECT_EQ(os::last_error(), 0u);
-    auto* view3 = static_cast<unsigned char*>(os::map_view(fresh, &mapped));
+    auto* view3 = static_cast<unsigned char*>(os::map_view(fresh, nullptr));
     ASSERT_NE(view3, nullptr);
     EXPECT_EQ(view3[100], 0) << "a new mapping is zero";
     EXPECT_TRUE(os::unmap_view(view3));
@@ -71,6 +90,53 @@ TEST(NamedMapping, RefusesUnusableNamesAndHandles) {
     EXPECT_FALSE(os::unmap_view(&not_a_handle));
     EXPECT_FALSE(os::close_handle(&not_a_handle));
     EXPECT_EQ(os::wait_mutex(&not_a_handle, 0), os::kWaitFailed);
+    EXPECT_FALSE(os::release_mutex(&not_a_handle));
+#if !defined(_WIN32)
+    EXPECT_EQ(os::create_named_mapping(~0ull, unique_name("huge").c_str()), nullptr);
+    // Fits as a name, but not with the suffix of the object that guards it.
+    EXPECT_EQ(os::create_named_mapping(4096, std::string(250, 'x').c_str()), nullptr);
+    os::Handle mutex = os::create_named_mutex(unique_name("inside").c_str());
+    ASSERT_NE(mutex, nullptr);
+    EXPECT_FALSE(os::close_handle(static_cast<char*>(mutex) + 1)) << "inside a handle";
+    EXPECT_TRUE(os::close_handle(mutex));
+#endif
+}
+
+// The utility layer refuses what it cannot pass on, with the last error "invalid parameter".
+TEST(Utility, RefusesArgumentsItCannotPassOn) {
+    const std::string name = unique_name("util"), long_name(300, 'n');
+    const std::function<void*()> refused[] = {
+        [&] { return vex::VexutilCreateNamedFileMapping(3, 4, 0, 4096, name.c_str()); },
+        [&] { return vex::VexutilCreateNamedFileMapping(-1, 2, 0, 4096, name.c_str()); },
+        [&] { return vex::VexutilCreateNamedFileMapping(-1, 4, 0, 4096, nullptr); },
+        [&] { return vex::VexutilOpenNamedFileMapping(4, 0, name.c_str()); },
+        [&] { return vex::VexutilOpenNamedFileMapping(0xF001F, 0, long_name.c_str()); },
+        [&] { return vex::VexutilCreateMutex(0, long_name.c_str()); },
+    };
+    for (const auto& call : refused) {
+        SCOPED_TRACE(&call - refused);
+        os::set_last_error(0);
+        EXPECT_EQ(call(), nullptr);
+        EXPECT_EQ(os::last_error(), 87u);
+    }
+    char buf[8];
+    EXPECT_EQ(vex::VexutilObjectName(nullptr, buf, sizeof buf), nullptr);
+    EXPECT_EQ(vex::VexutilObjectName("a", nullptr, sizeof buf), nullptr);
+    EXPECT_EQ(vex::VexutilObjectName("a", buf, 0), nullptr);
+    EXPECT_EQ(vex::VexutilGetInstallPath(nullptr, sizeof buf), 0);
+    EXPECT_EQ(vex::VexutilGetInstallPath(buf, 0), 0);
+    vextest::Sandbox sandbox;
+    EXPECT_EQ(vex::VexutilGetInstallPath(buf, sizeof buf), 0) << "too long for the buffer";
+
+    // A namespace too long for any name makes every name fail instead of being cut.
+    const std::string ns = std::getenv("VEX_IPC_NAMESPACE") ? std::getenv("VEX_IPC_NAMESPACE") : "";
+    vextest::set_env("VEX_IPC_NAMESPACE", std::string(300, 's'));
+    vex::VexutilLoadNamespace();
+    char full[1024];
+    EXPECT_EQ(vex::VexutilObjectName("a", full, sizeof full), nullptr);
+    vextest::set_env("VEX_IPC_NAMESPACE", ns);
+    vex::VexutilLoadNamespace();
+    EXPECT_EQ(vex::VexutilObjectName("a", full, sizeof full), ns + ".a");
 }
 
 TEST(NamedMutex, RecursiveOwnedByAThreadAndAbandonedWithIt) {
@@ -81,11 +147,12 @@ TEST(NamedMutex, RecursiveOwnedByAThreadAndAbandonedWithIt) {
     ASSERT_NE(b, nullptr);
     EXPECT_EQ(os::wait_mutex(a, 0), os::kWaitObject0);
     EXPECT_EQ(os::wait_mutex(b, os::kInfinite), os::kWaitObject0);
+    EXPECT_EQ(os::wait_mutex(b, 999), os::kWaitObject0);  // a deadline into the next second
     unsigned other = 1;
     std::thread([&] { other = os::wait_mutex(b, 20); }).join();
     EXPECT_EQ(other, os::kWaitTimeout);
-    EXPECT_TRUE(os::release_mutex(a));
-    EXPECT_TRUE(os::release_mutex(a));
+    for (int i = 0; i < 3; ++i)
+        EXPECT_TRUE(os::release_mutex(a));
     EXPECT_FALSE(os::release_mutex(a)) << "not owned any more";
 
     std::thread([&] { other = os::wait_mutex(a, 0); }).join();  // ends holding it
@@ -97,5 +164,172 @@ TEST(NamedMutex, RecursiveOwnedByAThreadAndAbandonedWithIt) {
     EXPECT_TRUE(os::close_handle(a));
     EXPECT_TRUE(os::close_handle(b));
 }
+
+#if !defined(_WIN32)
+// ---- What the system refuses ------------------------------------------------------------
+
+std::size_t open_descriptors() {
+    std::size_t n = 0;
+    for (const auto& entry : std::filesystem::directory_iterator("/proc/self/fd")) {
+        static_cast<void>(entry);
+        ++n;
+    }
+    return n;
+}
+
+// Lowers one limit of this process while it lives. Past the file size limit a write fails with
+// EFBIG instead of ending the process.
+class Limit {
+  public:
+    Limit(int resource, rlim_t value) : resource_(resource) {
+        getrlimit(resource_, &saved_);
+        rlimit lowered = saved_;
+        lowered.rlim_cur = value;
+        EXPECT_EQ(setrlimit(resource_, &lowered), 0);
+        xfsz_ = signal(SIGXFSZ, SIG_IGN);
+    }
+    ~Limit() {
+        setrlimit(resource_, &saved_);
+        signal(SIGXFSZ, xfsz_);
+    }
+    Limit(const Limit&) = delete;
+    Limit& operator=(const Limit&) = delete;
+
+  private:
+    int resource_;
+    rlimit saved_{};
+    sighandler_t xfsz_;
+};
+
+// The descriptor the next open would get.
+int lowest_free_descriptor() {
+    const int fd = open("/dev/null", O_RDONLY);
+    close(fd);
+    return fd;
+}
+
+// Out of descriptors or past the file size limit, a call fails with the system's reason, leaks
+// no descriptor and leaves nothing half made behind.
+TEST(SystemRefuses, LimitsFailTheCallAndLeakNothing) {
+    vextest::Sandbox sandbox;
+    const std::string name = unique_name("held"), made = unique_name("made");
+    const std::string mutex = unique_name("limitmutex"), path = sandbox.path() + "/f";
+    os::Handle held = os::create_named_mapping(4096, name.c_str());
+    ASSERT_NE(held, nullptr);
+    os::AppendFile file;
+    ASSERT_TRUE(os::append_open(&file, path.c_str()));
+    ASSERT_TRUE(os::append_write(&file, "1234", 4));
+    const struct {
+        const char* what;
+        int resource;
+        rlim_t value;  // for descriptors: how many are left to open
+        std::function<bool()> call;
+        unsigned error;  // 0: the call leaves no last error
+    } rows[] = {
+        {"create: the guard", RLIMIT_NOFILE, 0,
+         [&] { return os::create_named_mapping(4096, name.c_str()) != nullptr; }, EMFILE},
+        {"create: the object", RLIMIT_NOFILE, 1,
+         [&] { return os::create_named_mapping(4096, name.c_str()) != nullptr; }, EMFILE},
+        {"open", RLIMIT_NOFILE, 1, [&] { return os::open_named_mapping(name.c_str()) != nullptr; },
+         EMFILE},
+        {"view", RLIMIT_NOFILE, 0, [&] { return os::map_view(held, nullptr) != nullptr; }, EMFILE},
+        {"mutex", RLIMIT_NOFILE, 0,
+         [&] { return os::create_named_mutex(mutex.c_str()) != nullptr; }, EMFILE},
+        {"create: the size", RLIMIT_FSIZE, 4096,
+         [&] { return os::create_named_mapping(8192, made.c_str()) != nullptr; }, EFBIG},
+        {"mutex: the size", RLIMIT_FSIZE, 0,
+         [&] { return os::create_named_mutex(mutex.c_str()) != nullptr; }, EFBIG},
+        {"append", RLIMIT_FSIZE, 2, [&] { return os::append_write(&file, "5", 1); }, 0},
+    };
+    const std::size_t before = open_descriptors();
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.what);
+        bool ok = true;
+        {
+            const int base = row.resource == RLIMIT_NOFILE ? lowest_free_descriptor() : 0;
+            Limit limit(row.resource, static_cast<rlim_t>(base) + row.value);
+            ok = row.call();
+        }
+        EXPECT_FALSE(ok);
+        if (row.error != 0) {
+            EXPECT_EQ(os::last_error(), row.error);
+        }
+        EXPECT_EQ(open_descriptors(), before);
+    }
+    EXPECT_EQ(os::open_named_mapping(made.c_str()), nullptr) << "the object was removed";
+    EXPECT_EQ(os::last_error(), os::kErrorFileNotFound);
+    os::Handle m = os::create_named_mutex(mutex.c_str());  // set up by the next creator
+    ASSERT_NE(m, nullptr);
+    EXPECT_EQ(os::wait_mutex(m, 0), os::kWaitObject0);
+    EXPECT_TRUE(os::release_mutex(m));
+    EXPECT_TRUE(os::close_handle(m));
+    EXPECT_TRUE(os::append_write(&file, "5", 1));
+    EXPECT_EQ(vextest::Sandbox::read_file(path), "12345");
+    os::append_close(&file);
+    EXPECT_FALSE(os::file_lock(&file));
+    os::file_unlock(&file);
+    // Released without a guard: the description goes all the same, and the object left unheld
+    // is stale for the next open.
+    {
+        Limit limit(RLIMIT_NOFILE, static_cast<rlim_t>(lowest_free_descriptor()));
+        EXPECT_TRUE(os::close_handle(held));
+    }
+    EXPECT_EQ(os::open_named_mapping(name.c_str()), nullptr);
+    EXPECT_EQ(os::last_error(), os::kErrorFileNotFound);
+}
+
+TEST(SystemRefuses, ViewLargerThanTheAddressSpace) {
+    os::Handle h = os::create_named_mapping(std::uint64_t{1} << 62, unique_name("huge").c_str());
+    ASSERT_NE(h, nullptr);
+    const std::size_t before = open_descriptors();
+    EXPECT_EQ(os::map_view(h, nullptr), nullptr);
+    EXPECT_EQ(os::last_error(), static_cast<unsigned>(ENOMEM));
+    EXPECT_EQ(open_descriptors(), before);
+    EXPECT_TRUE(os::close_handle(h));
+}
+
+TEST(SystemRefuses, HandlesRunOutAndComeBack) {
+    const std::string name = unique_name("pool"), map = unique_name("poolmap");
+    std::vector<os::Handle> taken;
+    for (os::Handle h; taken.size() < 100 && (h = os::create_named_mutex(name.c_str()));)
+        taken.push_back(h);
+    ASSERT_LT(taken.size(), 100u);
+    EXPECT_EQ(os::last_error(), static_cast<unsigned>(EMFILE));
+    EXPECT_EQ(os::create_named_mapping(4096, map.c_str()), nullptr);
+    // One handle free: the mapping takes it and its view finds none.
+    EXPECT_TRUE(os::close_handle(taken.back()));
+    taken.pop_back();
+    os::Handle mapping = os::create_named_mapping(4096, map.c_str());
+    ASSERT_NE(mapping, nullptr);
+    const std::size_t before = open_descriptors();
+    EXPECT_EQ(os::map_view(mapping, nullptr), nullptr);
+    EXPECT_EQ(os::last_error(), static_cast<unsigned>(EMFILE));
+    EXPECT_EQ(open_descriptors(), before);
+    for (os::Handle h : taken)
+        EXPECT_TRUE(os::close_handle(h));
+    void* view = os::map_view(mapping, nullptr);
+    ASSERT_NE(view, nullptr);
+    EXPECT_TRUE(os::unmap_view(view));
+    EXPECT_TRUE(os::close_handle(mapping));
+}
+
+TEST(NamedMapping, ReleaseLeavesANameTakenOverAlone) {
+    const std::string name = unique_name("taken"), shm = "/" + name;
+    os::Handle old = os::create_named_mapping(4096, name.c_str());
+    ASSERT_NE(old, nullptr);
+    ASSERT_EQ(shm_unlink(shm.c_str()), 0);  // removed by hand
+    os::Handle fresh = os::create_named_mapping(4096, name.c_str());
+    ASSERT_NE(fresh, nullptr);
+    EXPECT_EQ(os::last_error(), 0u) << "a new object";
+    EXPECT_TRUE(os::close_handle(old));  // the last holder of the old object
+    os::Handle opened = os::open_named_mapping(name.c_str());
+    EXPECT_NE(opened, nullptr) << "the new object keeps its name";
+    EXPECT_TRUE(os::close_handle(opened));
+    ASSERT_EQ(shm_unlink(shm.c_str()), 0);
+    EXPECT_TRUE(os::close_handle(fresh));  // its name already gone
+    EXPECT_EQ(os::open_named_mapping(name.c_str()), nullptr);
+    EXPECT_EQ(os::last_error(), os::kErrorFileNotFound);
+}
+#endif
 
 }  // namespace

@@ -126,12 +126,14 @@ TEST_F(XmlTest, ValueTextMustBeAWholeInt32) {
         {"-2147483648", 0, INT32_MIN},
         {" \n\t +0010 \r\n ", 0, 10},
         {"<![CDATA[ 42 ]]>", 0, 42},
+        {"&#13;7&#13;", 0, 7},  // a carriage return that line-end handling leaves in place
         {"2147483648", vex::kXmlBadValue, 0},
         {"-2147483649", vex::kXmlBadValue, 0},
         {"99999999999999999999", vex::kXmlBadValue, 0},
         {"", vex::kXmlBadValue, 0},
         {"  \n ", vex::kXmlBadValue, 0},
         {"4x", vex::kXmlBadValue, 0},
+        {"seven", vex::kXmlBadValue, 0},
         {"4 5", vex::kXmlBadValue, 0},
         {"0x10", vex::kXmlBadValue, 0},
         {"-", vex::kXmlBadValue, 0},
@@ -195,6 +197,7 @@ TEST_F(XmlTest, BadArgumentsWriteNothing) {
         EXPECT_EQ(len, c.len);
     }
     EXPECT_EQ(vex::xmllib_init(nullptr), vex::kXmlBadArgument);
+    EXPECT_EQ(vex::xmllib_load_config(1), vex::kXmlBadArgument);
     EXPECT_EQ(vex::xmllib_load_policy(nullptr), vex::kXmlBadArgument);
     EXPECT_EQ(vex::xmllib_unload_policy(nullptr), vex::kXmlBadArgument);
 
