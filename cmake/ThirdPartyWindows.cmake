@@ -1,5 +1,6 @@
 # GoogleTest and pugixml for the Windows cross build, compiled from Debian's sources with their
-# own flags (the project's warning flags are added after this file).
+# own flags (the project's warning flags are added after this file); shmrmctl's header-only
+# libraries from Debian's packages.
 #
 # GoogleTest: the sources Debian's googletest package installs.
 # pugixml: the source package, fetched into the build tree by apt's own tools (scripts/deps.sh
@@ -42,3 +43,24 @@ endif()
 add_library(pugixml STATIC ${pugixml_dir}/src/pugixml.cpp)
 add_library(pugixml::pugixml ALIAS pugixml)
 target_include_directories(pugixml SYSTEM PUBLIC ${pugixml_dir}/src)
+
+# CLI11, nlohmann-json and fmt (header-only): the directories Debian's packages install, copied
+# into the build tree because the cross compiler must not search /usr/include (the glibc
+# headers are there). Targets of the names their CMake packages give the POSIX build.
+set(VEX_HEADER_ONLY_ROOT /usr/include CACHE PATH
+    "Where CLI/, nlohmann/ and fmt/ are (libcli11-dev, nlohmann-json3-dev, libfmt-dev)")
+set(header_only_dir ${PROJECT_BINARY_DIR}/_deps/include)
+foreach(dir CLI nlohmann fmt)
+  if(NOT EXISTS ${VEX_HEADER_ONLY_ROOT}/${dir})
+    message(FATAL_ERROR "no ${VEX_HEADER_ONLY_ROOT}/${dir}: run scripts/deps.sh")
+  endif()
+  file(REMOVE_RECURSE ${header_only_dir}/${dir})
+  file(COPY ${VEX_HEADER_ONLY_ROOT}/${dir} DESTINATION ${header_only_dir})
+endforeach()
+foreach(target CLI11::CLI11 nlohmann_json::nlohmann_json fmt::fmt-header-only)
+  string(REPLACE "::" "_" name ${target})
+  add_library(${name} INTERFACE)
+  target_include_directories(${name} SYSTEM INTERFACE ${header_only_dir})
+  add_library(${target} ALIAS ${name})
+endforeach()
+target_compile_definitions(fmt_fmt-header-only INTERFACE FMT_HEADER_ONLY)

@@ -118,6 +118,74 @@ HANDLE start(const std::vector<std::string>& args, const std::vector<std::string
     return process.hProcess;
 }
 
+// Waits for a process until the deadline, kills it then, and closes it: its exit status, or
+// -1 when it had to be killed.
+int reap(HANDLE process, Clock::time_point deadline) {
+    if (process == nullptr) return -1;
+    DWORD code = static_cast<DWORD>(-1);
+    if (WaitForSingleObject(process, static_cast<DWORD>(left_ms(deadline))) != WAIT_OBJECT_0 ||
+        !GetExitCodeProcess(process, &code)) {
+        TerminateProcess(process, 9);
+        WaitForSingleObject(process, 10000);
+        code = static_cast<DWORD>(-1);
+    }
+    CloseHandle(process);
+    return static_cast<int>(code);
+}
+
+// A pipe whose write end a child inherits.
+bool child_pipe(HANDLE& read_end, HANDLE& write_end) {
+    SECURITY_ATTRIBUTES inheritable{sizeof(SECURITY_ATTRIBUTES), nullptr, TRUE};
+    if (!CreatePipe(&read_end, &write_end, &inheritable, 0)) return false;
+    SetHandleInformation(read_end, HANDLE_FLAG_INHERIT, 0);
+    return true;
+}
+
+#else
+
+// Starts a program with the test's environment plus `extra_env` and these descriptors as its
+// standard input, output and error (-1: the test's own); -1 when it cannot be started.
+pid_t start(const std::vector<std::string>& args, const std::vector<std::string>& extra_env, int in,
+            int out, int err) {
+    std::vector<std::string> strings = environment(extra_env);
+    std::vector<char*> envp;
+    for (auto& e : strings)
+        envp.push_back(e.data());
+    envp.push_back(nullptr);
+    std::vector<std::string> copy(args);
+    std::vector<char*> argv;
+    for (std::string& arg : copy)
+        argv.push_back(arg.data());
+    argv.push_back(nullptr);
+    posix_spawn_file_actions_t actions;
+    posix_spawn_file_actions_init(&actions);
+    const int fds[3] = {in, out, err};
+    for (int i = 0; i < 3; ++i)
+        if (fds[i] >= 0) posix_spawn_file_actions_adddup2(&actions, fds[i], i);
+    pid_t pid = -1;
+    if (posix_spawn(&pid, argv[0], &actions, nullptr, argv.data(), envp.data()) != 0) pid = -1;
+    posix_spawn_file_actions_destroy(&actions);
+    return pid;
+}
+
+// Waits for a process until the deadline, kills it then, and reaps it: its exit status, or -1
+// when it ended by a signal or had to be killed.
+int reap(pid_t pid, Clock::time_point deadline) {
+    while (pid > 0) {
+        int status = 0;
+        const pid_t r = waitpid(pid, &status, WNOHANG);
+        if (r == pid) return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+        if (r < 0) break;
+        if (Clock::now() >= deadline) {
+            ::kill(pid, SIGKILL);
+            waitpid(pid, &status, 0);
+            break;
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    }
+    return -1;
+}
+
 #endif
 
 }  // namespace
@@ -205,44 +273,75 @@ std::vector<int> run_together(const std::vector<std::vector<std::string>>& comma
     if (err != nullptr) CloseHandle(err);
     const auto deadline = Clock::now() + std::chrono::milliseconds(timeout_ms);
     std::vector<int> codes;
-    for (HANDLE p : processes) {
-        DWORD code = static_cast<DWORD>(-1);
-        if (p != nullptr) {
-            if (WaitForSingleObject(p, static_cast<DWORD>(left_ms(deadline))) != WAIT_OBJECT_0 ||
-                !GetExitCodeProcess(p, &code)) {
-                TerminateProcess(p, 9);
-                code = static_cast<DWORD>(-1);
-            }
-            CloseHandle(p);
-        }
-        codes.push_back(static_cast<int>(code));
-    }
+    for (HANDLE p : processes)
+        codes.push_back(reap(p, deadline));
     return codes;
+}
+
+RunResult run(const std::vector<std::string>& args, const std::vector<std::string>& extra_env,
+              int timeout_ms) {
+    RunResult r;
+    HANDLE reads[2] = {nullptr, nullptr};
+    HANDLE writes[2] = {nullptr, nullptr};
+    if (!child_pipe(reads[0], writes[0])) return r;
+    if (!child_pipe(reads[1], writes[1])) {
+        CloseHandle(reads[0]);
+        CloseHandle(writes[0]);
+        return r;
+    }
+    HANDLE process = start(args, extra_env, nullptr, writes[0], writes[1]);
+    CloseHandle(writes[0]);
+    CloseHandle(writes[1]);
+    const auto deadline = Clock::now() + std::chrono::milliseconds(timeout_ms);
+    // Anonymous pipes cannot be waited on: look for data on both, a little at a time.
+    std::string* sinks[2] = {&r.out, &r.err};
+    int open_pipes = process != nullptr ? 2 : 0;
+    while (open_pipes > 0 && left_ms(deadline) > 0) {
+        bool got = false;
+        for (int i = 0; i < 2; ++i) {
+            DWORD available = 0;
+            if (reads[i] == nullptr) continue;
+            if (PeekNamedPipe(reads[i], nullptr, 0, nullptr, &available, nullptr)) {
+                if (available == 0) continue;
+                char buf[4096];
+                DWORD n = 0;
+                if (ReadFile(reads[i], buf, sizeof buf, &n, nullptr) && n > 0) {
+                    sinks[i]->append(buf, n);
+                    got = true;
+                    continue;
+                }
+            }
+            CloseHandle(reads[i]);  // the writers have all gone
+            reads[i] = nullptr;
+            --open_pipes;
+        }
+        if (!got) Sleep(1);
+    }
+    for (HANDLE h : reads)
+        if (h != nullptr) CloseHandle(h);
+    r.status = reap(process, deadline);
+    return r;
+}
+
+bool process_running(long pid) {
+    HANDLE process = OpenProcess(SYNCHRONIZE, FALSE, static_cast<DWORD>(pid));
+    if (process == nullptr) return false;
+    const bool running = WaitForSingleObject(process, 0) == WAIT_TIMEOUT;
+    CloseHandle(process);
+    return running;
 }
 
 #else
 
 Child::Child(const std::vector<std::string>& extra_env, const std::string& program) {
-    std::vector<std::string> env_strings = environment(extra_env);
-    std::vector<char*> envp;
-    for (auto& e : env_strings)
-        envp.push_back(e.data());
-    envp.push_back(nullptr);
-
     int to_child[2];
     int from_child[2];
     if (pipe2(to_child, O_CLOEXEC) != 0 || pipe2(from_child, O_CLOEXEC) != 0)
         throw std::runtime_error("pipe failed");
-    posix_spawn_file_actions_t actions;
-    posix_spawn_file_actions_init(&actions);
-    posix_spawn_file_actions_adddup2(&actions, to_child[0], 0);
-    posix_spawn_file_actions_adddup2(&actions, from_child[1], 1);
-    char* argv[] = {const_cast<char*>(program.c_str()), nullptr};
-    int r = posix_spawn(&pid_, program.c_str(), &actions, nullptr, argv, envp.data());
-    posix_spawn_file_actions_destroy(&actions);
+    pid_ = start({program}, extra_env, to_child[0], from_child[1], -1);
     close(to_child[0]);
     close(from_child[1]);
-    if (r != 0) {
+    if (pid_ <= 0) {
         close(to_child[1]);
         close(from_child[0]);
         throw std::runtime_error("posix_spawn failed: " + program);
@@ -312,38 +411,59 @@ void Child::kill_hard() {
 std::vector<int> run_together(const std::vector<std::vector<std::string>>& commands,
                               int timeout_ms) {
     std::vector<pid_t> pids;
-    for (const auto& args : commands) {
-        std::vector<std::string> copy(args);
-        std::vector<char*> argv;
-        for (std::string& arg : copy)
-            argv.push_back(arg.data());
-        argv.push_back(nullptr);
-        pid_t pid = -1;
-        if (posix_spawn(&pid, argv[0], nullptr, nullptr, argv.data(), environ) != 0) pid = -1;
-        pids.push_back(pid);
-    }
+    for (const auto& args : commands)
+        pids.push_back(start(args, {}, -1, -1, -1));
     const auto deadline = Clock::now() + std::chrono::milliseconds(timeout_ms);
     std::vector<int> codes;
-    for (pid_t pid : pids) {
-        int code = -1;
-        while (pid > 0) {
-            int status = 0;
-            const pid_t r = waitpid(pid, &status, WNOHANG);
-            if (r == pid) {
-                if (WIFEXITED(status)) code = WEXITSTATUS(status);
-                break;
-            }
-            if (r < 0) break;
-            if (Clock::now() >= deadline) {
-                ::kill(pid, SIGKILL);
-                waitpid(pid, &status, 0);
-                break;
-            }
-            std::this_thread::sleep_for(std::chrono::milliseconds(5));
-        }
-        codes.push_back(code);
-    }
+    for (pid_t pid : pids)
+        codes.push_back(reap(pid, deadline));
     return codes;
+}
+
+RunResult run(const std::vector<std::string>& args, const std::vector<std::string>& extra_env,
+              int timeout_ms) {
+    RunResult r;
+    int out[2], err[2];
+    if (pipe2(out, O_CLOEXEC) != 0) return r;
+    if (pipe2(err, O_CLOEXEC) != 0) {
+        close(out[0]);
+        close(out[1]);
+        return r;
+    }
+    const int no_input = open("/dev/null", O_RDONLY | O_CLOEXEC);
+    const pid_t pid = start(args, extra_env, no_input, out[1], err[1]);
+    if (no_input >= 0) close(no_input);
+    close(out[1]);
+    close(err[1]);
+    const auto deadline = Clock::now() + std::chrono::milliseconds(timeout_ms);
+    pollfd fds[2] = {{out[0], POLLIN, 0}, {err[0], POLLIN, 0}};
+    std::string* sinks[2] = {&r.out, &r.err};
+    int open_fds = pid > 0 ? 2 : 0;
+    while (open_fds > 0) {
+        const int ready = poll(fds, 2, left_ms(deadline));
+        if (ready < 0 && errno == EINTR) continue;
+        if (ready <= 0) break;  // the time is up
+        for (int i = 0; i < 2; ++i) {
+            if (fds[i].fd < 0 || fds[i].revents == 0) continue;
+            char buf[4096];
+            const ssize_t n = read(fds[i].fd, buf, sizeof buf);
+            if (n < 0 && errno == EINTR) continue;
+            if (n > 0) {
+                sinks[i]->append(buf, static_cast<std::size_t>(n));
+            } else {
+                fds[i].fd = -1;
+                --open_fds;
+            }
+        }
+    }
+    close(out[0]);
+    close(err[0]);
+    r.status = reap(pid, deadline);
+    return r;
+}
+
+bool process_running(long pid) {
+    return ::kill(static_cast<pid_t>(pid), 0) == 0 || errno == EPERM;
 }
 
 #endif

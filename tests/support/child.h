@@ -9,6 +9,10 @@
 #include <sys/types.h>
 #endif
 
+#if !defined(VEX_CHILD_EXE)
+#define VEX_CHILD_EXE ""  // a test program without the node child names the program it starts
+#endif
+
 namespace vextest {
 
 class Child {
@@ -55,5 +59,18 @@ class Child {
 // time).
 std::vector<int> run_together(const std::vector<std::vector<std::string>>& commands,
                               int timeout_ms = 120000);
+
+struct RunResult {
+    int status = -1;  // the exit status; -1: not started, ended by a signal, or killed
+    std::string out, err;
+};
+// Runs a program (its path and arguments) with the test's environment plus `extra_env`
+// ("NAME=value", replacing any of the same name) and no input, and captures its standard output
+// and error. A run that has not ended within `timeout_ms` is killed.
+RunResult run(const std::vector<std::string>& args, const std::vector<std::string>& extra_env = {},
+              int timeout_ms = 60000);
+
+// Whether a process of this id still runs.
+bool process_running(long pid);
 
 }  // namespace vextest

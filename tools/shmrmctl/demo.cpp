@@ -1,11 +1,5 @@
 // The demo: a simulated node (a holder and worker processes, all this program) shown live.
-#include <fcntl.h>
 #include <fmt/format.h>
-#include <poll.h>
-#include <signal.h>
-#include <spawn.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
 #include <array>
 #include <chrono>
@@ -16,11 +10,9 @@
 #include <vector>
 
 #include "region.h"
-#include "signals.h"
+#include "system.h"
 #include "terminal.h"
 #include "vexshmrm.h"
-
-extern char** environ;
 
 namespace shmrmctl {
 
@@ -50,89 +42,11 @@ constexpr DemoMonitor kMonitors[] = {
     {"ping", "gateway"}, {"disk", "db-volume"}, {"proc", "scheduler"}};
 constexpr const char* kStates[] = {"offline", "starting", "online", "stopping"};
 
-std::string self_exe() {
-    std::error_code ec;
-    const auto p = fs::read_symlink("/proc/self/exe", ec);
-    return ec ? std::string("/proc/self/exe") : p.string();
-}
-
-// A child of this program in a process group of its own (a Ctrl-C on the terminal reaches only
-// the demo, which then stops its children in order), signals at their defaults.
-pid_t spawn_self(const std::vector<std::string>& args, int* stdout_read) {
-    const std::string exe = self_exe();
-    std::vector<char*> argv{const_cast<char*>(exe.c_str())};
-    for (const auto& a : args)
-        argv.push_back(const_cast<char*>(a.c_str()));
-    argv.push_back(nullptr);
-
-    posix_spawnattr_t attr;
-    posix_spawnattr_init(&attr);
-    sigset_t none, defaults;
-    sigemptyset(&none);
-    sigemptyset(&defaults);
-    sigaddset(&defaults, SIGINT);
-    sigaddset(&defaults, SIGTERM);
-    posix_spawnattr_setsigmask(&attr, &none);
-    posix_spawnattr_setsigdefault(&attr, &defaults);
-    posix_spawnattr_setpgroup(&attr, 0);
-    posix_spawnattr_setflags(
-        &attr,
-        static_cast<short>(POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSIGDEF | POSIX_SPAWN_SETPGROUP));
-    posix_spawn_file_actions_t actions;
-    posix_spawn_file_actions_init(&actions);
-    int fds[2] = {-1, -1};
-    if (stdout_read != nullptr) {
-        if (pipe2(fds, O_CLOEXEC) != 0) return -1;
-        posix_spawn_file_actions_adddup2(&actions, fds[1], STDOUT_FILENO);
-    }
-    pid_t pid = -1;
-    if (posix_spawn(&pid, exe.c_str(), &actions, &attr, argv.data(), environ) != 0) pid = -1;
-    posix_spawn_file_actions_destroy(&actions);
-    posix_spawnattr_destroy(&attr);
-    if (stdout_read != nullptr) {
-        close(fds[1]);
-        *stdout_read = fds[0];
-    }
-    return pid;
-}
-
-// Waits for a line beginning with `prefix` on `fd`, at most `timeout_ms`.
-bool wait_for_line(int fd, const std::string& prefix, int timeout_ms) {
-    std::string got;
-    const auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeout_ms);
-    while (std::chrono::steady_clock::now() < end) {
-        pollfd p{fd, POLLIN, 0};
-        if (poll(&p, 1, 100) <= 0) continue;
-        char buf[256];
-        const ssize_t n = read(fd, buf, sizeof buf);
-        if (n <= 0) return false;
-        got.append(buf, static_cast<std::size_t>(n));
-        if (got.rfind(prefix, 0) == 0 && got.find('\n') != std::string::npos) return true;
-    }
-    return false;
-}
-
-// Ends a child: SIGTERM, then SIGKILL when it has not exited in time; always reaps it.
-int stop_child(pid_t pid) {
-    if (pid <= 0) return -1;
-    kill(pid, SIGTERM);
-    int status = 0;
-    for (int i = 0; i < 100; ++i) {
-        if (waitpid(pid, &status, WNOHANG) == pid) {
-            return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-        }
-        usleep(50000);
-    }
-    kill(pid, SIGKILL);
-    waitpid(pid, &status, 0);
-    return -1;
-}
-
 std::string find_example_dir(const std::string& given) {
     std::vector<fs::path> candidates;
     if (!given.empty()) candidates.emplace_back(given);
-    candidates.push_back(fs::path(self_exe()).parent_path().parent_path() / "share" / "vexshmrm" /
-                         "examples" / "install");
+    candidates.push_back(fs::path(sys::self_path()).parent_path().parent_path() / "share" /
+                         "vexshmrm" / "examples" / "install");
 #ifdef SHMRMCTL_EXAMPLE_DIR
     candidates.emplace_back(SHMRMCTL_EXAMPLE_DIR);
 #endif
@@ -184,7 +98,8 @@ void work_step(int index, int step) {
         shmrm_setrscfocnt(g.name, r.type, r.name, focnt + 1);
         shmrm_setrscstopret(g.name, r.type, r.name, step % 5 == 0 ? 1 : 0);
     }
-    const std::string note = fmt::format("worker {} pid {} step {}", index, getpid(), step);
+    const std::string note =
+        fmt::format("worker {} pid {} step {}", index, sys::process_id(), step);
     shmrm_setdescript(g.name, r.type, r.name, note.c_str(), static_cast<int>(note.size() + 1));
 
     shmrm_setgrpstat(g.name, state);
@@ -198,8 +113,8 @@ void work_step(int index, int step) {
     constexpr int kSteps[] = {1, 2, 3, 4, 0};
     shmrm_setmonprogress(m.type, m.name, kSteps[step % 5]);
     shmrm_setmonstat(m.type, m.name, state);
-    shmrm_settargetpid(m.type, m.name, static_cast<int>(getpid()));
-    shmrm_setparentpid(m.type, m.name, static_cast<int>(getppid()));
+    shmrm_settargetpid(m.type, m.name, static_cast<int>(sys::process_id()));
+    shmrm_setparentpid(m.type, m.name, static_cast<int>(sys::parent_process_id()));
     int scripts = 0;
     shmrm_getmonscriptcnt(m.type, m.name, &scripts);
     shmrm_setmonscriptcnt(m.type, m.name, static_cast<short>(scripts + 1));
@@ -210,7 +125,7 @@ void work_step(int index, int step) {
 }  // namespace
 
 int worker(int index, double seconds, unsigned int timeout_ms) {
-    install_stop_handlers();
+    sys::install_stop_handlers();
     Attachment attached;
     if (attached.rc() != SHMRM_OK) {
         std::fprintf(stderr, "shmrmctl worker %d: %s\n", index,
@@ -218,7 +133,7 @@ int worker(int index, double seconds, unsigned int timeout_ms) {
         return 1;
     }
     const auto start = std::chrono::steady_clock::now();
-    for (int step = 0; !stop_requested(); ++step) {
+    for (int step = 0; !sys::stop_requested(); ++step) {
         {
             RegionLock lock(RegionLock::Mode::kWrite, timeout_ms);
             if (lock.rc() == SHMRM_OK) work_step(index, step);
@@ -226,21 +141,22 @@ int worker(int index, double seconds, unsigned int timeout_ms) {
         const double elapsed =
             std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
         if (seconds > 0 && elapsed >= seconds) break;
-        pause_for(0.3 + 0.15 * index);
+        sys::pause_for(0.3 + 0.15 * index);
     }
     return 0;
 }
 
 int demo(const DemoOptions& options, char** argv) {
-    // The library reads the namespace when it is loaded: start again with it set.
-    const std::string ns = options.ipc_namespace.empty() ? fmt::format("shmrmctl-demo-{}", getpid())
-                                                         : options.ipc_namespace;
+    // The library reads the namespace when it is loaded: start again with it set (and named on
+    // the command line, as the process id it was made from can change).
+    const std::string ns = options.ipc_namespace.empty()
+                               ? fmt::format("shmrmctl-demo-{}", sys::process_id())
+                               : options.ipc_namespace;
     const char* current = std::getenv("VEX_IPC_NAMESPACE");
     if (current == nullptr || ns != current) {
-        setenv("VEX_IPC_NAMESPACE", ns.c_str(), 1);
-        execv("/proc/self/exe", argv);
-        std::perror("shmrmctl: execv");
-        return 1;
+        std::vector<std::string> named;
+        if (options.ipc_namespace.empty()) named = {"--namespace", ns};
+        return sys::run_again_with("VEX_IPC_NAMESPACE", ns, argv, named);
     }
     const std::string example = find_example_dir(options.example_dir);
     if (example.empty()) {
@@ -248,9 +164,10 @@ int demo(const DemoOptions& options, char** argv) {
                      options.example_dir.empty() ? "; give one with --example" : "");
         return 1;
     }
-    std::string tmp = (fs::temp_directory_path() / "shmrmctl-demo-XXXXXX").string();
-    if (mkdtemp(tmp.data()) == nullptr) {
-        std::perror("shmrmctl: mkdtemp");
+    std::string error;
+    const std::string tmp = sys::make_temp_dir("shmrmctl-demo-", error);
+    if (tmp.empty()) {
+        std::fprintf(stderr, "shmrmctl: %s\n", error.c_str());
         return 1;
     }
     std::error_code ec;
@@ -260,33 +177,32 @@ int demo(const DemoOptions& options, char** argv) {
         fs::remove_all(tmp, ec);
         return 1;
     }
-    setenv("VEX_INSTALL_PATH", tmp.c_str(), 1);
-    install_stop_handlers();
+    sys::set_env("VEX_INSTALL_PATH", tmp);
+    sys::install_stop_handlers();
     std::printf("namespace %s\ninstall %s\n", ns.c_str(), tmp.c_str());
     std::fflush(stdout);
 
     int status = 0;
-    int holder_out = -1;
-    const pid_t holder = spawn_self({"hold"}, &holder_out);
-    std::vector<pid_t> workers;
-    if (holder <= 0 || !wait_for_line(holder_out, "ready", 10000)) {
+    sys::Child holder({"hold"}, true);
+    std::vector<sys::Child> workers;
+    if (!holder.started() || !holder.wait_for_line("ready", 10000)) {
         std::fprintf(stderr, "shmrmctl: the holder did not create the region\n");
         status = 1;
     } else if (const int rc = setup_node(); rc != SHMRM_OK) {
         std::fprintf(stderr, "shmrmctl: setting up the demo node: %s\n", result_name(rc).c_str());
         status = 1;
     } else {
-        std::printf("holder %d\n", holder);
+        std::printf("holder %ld\n", holder.id());
         for (int i = 0; i < options.workers; ++i) {
-            const pid_t pid = spawn_self({"worker", "--index", std::to_string(i)}, nullptr);
-            if (pid > 0) {
-                workers.push_back(pid);
-                std::printf("worker %d\n", pid);
+            sys::Child w({"worker", "--index", std::to_string(i)}, false);
+            if (w.started()) {
+                std::printf("worker %ld\n", w.id());
+                workers.push_back(std::move(w));
             }
         }
         std::fflush(stdout);
-        if (options.once || !isatty(STDIN_FILENO) || !isatty(STDOUT_FILENO)) {
-            for (int i = 1; i <= 3 && pause_for(1.0); ++i) {
+        if (options.once || !sys::interactive()) {
+            for (int i = 1; i <= 3 && sys::pause_for(1.0); ++i) {
                 std::printf("\n=== snapshot %d ===\n", i);
                 if (!print_status(options.timeout_ms, false)) status = 1;
                 std::fflush(stdout);
@@ -299,11 +215,10 @@ int demo(const DemoOptions& options, char** argv) {
             status = watch(w);
         }
     }
-    for (pid_t pid : workers) {
-        if (stop_child(pid) != 0) status = 1;
+    for (sys::Child& w : workers) {
+        if (w.stop() != 0) status = 1;
     }
-    if (holder > 0 && stop_child(holder) != 0) status = 1;
-    if (holder_out >= 0) close(holder_out);
+    if (holder.started() && holder.stop() != 0) status = 1;
     {
         Attachment left;
         if (left.rc() == SHMRM_OK) {

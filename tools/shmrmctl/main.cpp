@@ -1,6 +1,5 @@
 // shmrmctl: inspect and drive a node's status region from the command line.
 #include <fmt/format.h>
-#include <unistd.h>
 #include <CLI/CLI.hpp>
 
 #include <cstdio>
@@ -11,6 +10,7 @@
 #include "region.h"
 #include "render.h"
 #include "snapshot.h"
+#include "system.h"
 #include "terminal.h"
 #include "vexshmrm.h"
 
@@ -162,7 +162,7 @@ int main(int argc, char** argv) {
         ->capture_default_str();
 
     auto* hold_cmd =
-        app.add_subcommand("hold", "Create the region and keep it until SIGINT/SIGTERM");
+        app.add_subcommand("hold", "Create the region and keep it until stopped (Ctrl-C, SIGTERM)");
 
     bool json = false;
     auto* status_cmd = app.add_subcommand("status", "Print a consistent snapshot of the region");
@@ -225,8 +225,8 @@ int main(int argc, char** argv) {
     worker_cmd->add_option("--seconds", worker_seconds)->check(CLI::Range(0.0, 86400.0));
 
     CLI11_PARSE(app, argc, argv);
-    std::setvbuf(stdout, nullptr, _IOLBF, 0);
-    if (!install.empty()) setenv("VEX_INSTALL_PATH", install.c_str(), 1);
+    shmrmctl::sys::init_output();
+    if (!install.empty()) shmrmctl::sys::set_env("VEX_INSTALL_PATH", install);
 
     try {
         if (*hold_cmd) return hold();

@@ -2,8 +2,6 @@
 
 #include <fmt/format.h>
 
-#include <ctime>
-
 #include "vexshmrm.h"
 
 namespace shmrmctl {
@@ -80,18 +78,6 @@ bool take_region_bytes(unsigned int timeout_ms, Bytes& bytes, Failure& failure) 
         return false;
     }
     return true;
-}
-
-std::uint32_t tick_now() {
-    timespec ts{};
-#if defined(CLOCK_BOOTTIME)
-    clock_gettime(CLOCK_BOOTTIME, &ts);
-#else
-    clock_gettime(CLOCK_MONOTONIC, &ts);
-#endif
-    const auto ms = static_cast<unsigned long long>(ts.tv_sec) * 1000ULL +
-                    static_cast<unsigned long long>(ts.tv_nsec) / 1000000ULL;
-    return static_cast<std::uint32_t>(ms);
 }
 
 }  // namespace shmrmctl

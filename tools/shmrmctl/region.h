@@ -1,7 +1,6 @@
 // The region as the tool reaches it: through the library's exports only.
 #pragma once
 
-#include <cstdint>
 #include <string>
 
 #include "snapshot.h"
@@ -49,8 +48,5 @@ class RegionLock {
 // Attaches, takes the read lock, sizes and copies the region, releases, detaches.
 // Returns false with `failure` set when any step fails.
 bool take_region_bytes(unsigned int timeout_ms, Bytes& bytes, Failure& failure);
-
-// The tick count the library stamps progress with (milliseconds since boot, 32 bits).
-std::uint32_t tick_now();
 
 }  // namespace shmrmctl

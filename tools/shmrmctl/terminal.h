@@ -12,8 +12,8 @@ struct WatchOptions {
     double run_for_s = 0;  // 0: until q or Ctrl-C
 };
 
-// Creates the region and keeps it until SIGINT or SIGTERM; prints "ready <size>" once it holds
-// it. Returns the exit status.
+// Creates the region and keeps it until a stop request (sys::install_stop_handlers); prints "ready
+// <size>" once it holds it. Returns the exit status.
 int hold();
 
 // The status view, redrawn in place; returns the exit status. Needs a terminal.
@@ -29,7 +29,8 @@ struct DemoOptions {
 };
 int demo(const DemoOptions& options, char** argv);
 
-// One worker of the demo: changes its share of the region until SIGTERM or `seconds` elapse.
+// One worker of the demo: changes its share of the region until a stop request or `seconds`
+// elapse.
 int worker(int index, double seconds, unsigned int timeout_ms);
 
 // Prints a status snapshot as tables; returns false (message on stderr) when the region cannot

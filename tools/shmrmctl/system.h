@@ -1,0 +1,104 @@
+// What shmrmctl asks of the operating system, in one place: stop requests, sleeping, starting
+// and stopping its own child processes, the environment, the console, the clock. The rest of
+// the program includes no system header; system_posix.cpp and system_win32.cpp implement this.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <vector>
+
+namespace shmrmctl::sys {
+
+// Standard output as every system gets it: "\n" line ends, flushed line by line where the C
+// library can.
+void init_output();
+
+// ---- Stop requests
+// From here on a stop request is recorded instead of ending the process: SIGINT and SIGTERM;
+// on Windows Ctrl-C, Ctrl-Break, closing the console, and this process's stop event, which
+// the parent that started it (Child::stop) sets.
+void install_stop_handlers();
+bool stop_requested();
+void request_stop();
+// Sleeps up to `seconds`; returns early (false) when a stop is requested.
+bool pause_for(double seconds);
+// Sleeps until a stop is requested.
+void wait_for_stop();
+
+// ---- This program, started again
+class Child {
+  public:
+    // Starts this program with `args`, standard error shared, in a process group of its own
+    // (a Ctrl-C on the console reaches the parent, which stops its children in order). With
+    // `capture_stdout` its standard output comes back through a pipe (wait_for_line).
+    Child(const std::vector<std::string>& args, bool capture_stdout);
+    ~Child();  // stop() when it still runs
+    Child(Child&&) noexcept;
+    Child& operator=(Child&&) noexcept;
+    Child(const Child&) = delete;
+    Child& operator=(const Child&) = delete;
+
+    bool started() const;
+    long id() const;
+    // Waits at most `timeout_ms` for a first line that begins with `prefix`.
+    bool wait_for_line(const std::string& prefix, int timeout_ms);
+    // Asks the child to stop (SIGTERM; on Windows its stop event), ends it hard when it has not
+    // exited within `bound_ms`, and reaps it. Its exit status; -1 when it had to be killed or
+    // did not exit by itself.
+    int stop(int bound_ms = 5000);
+
+    struct State;  // the system's handles
+
+  private:
+    std::unique_ptr<State> state_;
+};
+
+// Runs this program again, with the same arguments followed by `more_args` and with
+// `name`=`value` in its environment, and returns the exit status to end with (on POSIX systems
+// the process image is replaced). For settings a library reads when it is loaded.
+int run_again_with(const std::string& name, const std::string& value, char** argv,
+                   const std::vector<std::string>& more_args);
+
+std::string self_path();
+// A new empty directory in the system's temporary folder; empty, with `error` set, on failure.
+std::string make_temp_dir(const std::string& prefix, std::string& error);
+void set_env(const std::string& name, const std::string& value);
+
+// ---- The console
+// Standard input and output are both a terminal (a console on Windows).
+bool interactive();
+
+// Key input without echo or line editing (Ctrl-C still requests a stop) and the alternate
+// screen, both restored when it goes out of scope.
+class Console {
+  public:
+    Console();
+    ~Console();
+    Console(const Console&) = delete;
+    Console& operator=(const Console&) = delete;
+
+    struct Size {
+        std::size_t rows = 24, cols = 80;
+    };
+    Size size() const;
+    void write(const std::string& text) const;
+    // Waits at most `timeout_ms` for keys and appends them to `keys`; false when the input has
+    // ended.
+    bool read_keys(int timeout_ms, std::string& keys) const;
+
+    struct Saved;  // the modes to restore
+
+  private:
+    std::unique_ptr<Saved> saved_;
+};
+
+// ---- Clock and process
+std::string clock_text();  // the local time, "HH:MM:SS"
+// The tick count the library stamps progress with (milliseconds since boot, 32 bits).
+std::uint32_t tick_now();
+long process_id();
+long parent_process_id();
+
+}  // namespace shmrmctl::sys
