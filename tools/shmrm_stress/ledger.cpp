@@ -60,16 +60,21 @@ void commit_series(const Identity& id, int seq) {
     need(shmrm_setacstat2(kNoSeries), "shmrm_setacstat2");
 }
 
-shmrmctl::Bytes dump_region() {
+void dump_region(shmrmctl::Bytes& into) {
     int size = 0;
     need(shmrm_dump(nullptr, &size), "shmrm_dump (size)");
     if (size <= 0) throw Failure(fmt::format("shmrm_dump: region size {}", size));
-    shmrmctl::Bytes bytes(static_cast<std::size_t>(size));
-    need(shmrm_dump(bytes.data(), &size), "shmrm_dump");
+    into.resize(static_cast<std::size_t>(size));
+    need(shmrm_dump(into.data(), &size), "shmrm_dump");
+}
+
+shmrmctl::Bytes dump_region() {
+    shmrmctl::Bytes bytes;
+    dump_region(bytes);
     return bytes;
 }
 
-shmrmctl::Bytes others_of(const shmrmctl::Bytes& region, const Identity& id) {
+void others_of(const shmrmctl::Bytes& region, const Identity& id, shmrmctl::Bytes& out) {
     rmhead h;
     if (region.size() < sizeof h) throw Failure("dump: shorter than the header");
     std::memcpy(&h, region.data(), sizeof h);
@@ -88,7 +93,7 @@ shmrmctl::Bytes others_of(const shmrmctl::Bytes& region, const Identity& id) {
         const char* p = reinterpret_cast<const char*>(region.data() + at);
         return std::string_view(p, strnlen(p, SHMRM_NAME_LEN));
     };
-    shmrmctl::Bytes out(region.begin(), region.begin() + SHMRM_HEAD_SIZE);
+    out.assign(region.begin(), region.begin() + SHMRM_HEAD_SIZE);
     rmhead counts = h;
     for (int g = 0; g < h.grpcnt; ++g) {
         const std::size_t at = SHMRM_HEAD_SIZE + static_cast<std::size_t>(g) * stride;
@@ -110,7 +115,6 @@ shmrmctl::Bytes others_of(const shmrmctl::Bytes& region, const Identity& id) {
         }
     }
     std::memcpy(out.data(), &counts, sizeof counts);
-    return out;
 }
 
 namespace {

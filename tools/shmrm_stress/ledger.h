@@ -48,11 +48,12 @@ bool settle_abandoned();
 void begin_series(const Identity& id, int seq);
 void commit_series(const Identity& id, int seq);
 
-// The whole region, copied with shmrm_dump.
+// The whole region, copied with shmrm_dump into `into` (whose room is kept from call to call).
+void dump_region(shmrmctl::Bytes& into);
 shmrmctl::Bytes dump_region();
 // Everything in the region that is not `id`'s: the header with the other owners' counts, the
-// other owners' group and monitor records, in table order, byte for byte.
-shmrmctl::Bytes others_of(const shmrmctl::Bytes& region, const Identity& id);
+// other owners' group and monitor records, in table order, byte for byte; into `out`.
+void others_of(const shmrmctl::Bytes& region, const Identity& id, shmrmctl::Bytes& out);
 // The records of `id` read back through the getters and the name lists.
 OwnRecords read_own(const Identity& id);
 

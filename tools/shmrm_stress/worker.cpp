@@ -162,13 +162,18 @@ class Thread {
             }
         }
         begin_series(id_, seq);
-        const shmrmctl::Bytes before = dump_region();
-        if (!first && o_.check_every > 0 && seq % o_.check_every == 0) {
-            const auto damage = shmrmctl::check(before);
+        dump_region(before_);
+        // A restart always checks the region it finds; the others every check_every-th time,
+        // and that their own records are as they left them.
+        const bool due = o_.check_every > 0 && seq % o_.check_every == 0;
+        if (first || due) {
+            const auto damage = shmrmctl::check(before_);
             if (!damage.empty()) throw Failure("region check: " + damage.front());
             pass();
+        }
+        if (due && !first) {
             const std::string d =
-                difference(expected(model_, id_), own_in(shmrmctl::decode(before), id_));
+                difference(expected(model_, id_), own_in(shmrmctl::decode(before_), id_));
             if (!d.empty()) throw Failure("own records changed between series: " + d);
             pass();
         }
@@ -183,7 +188,10 @@ class Thread {
         const std::string d = difference(expected(s.after, id_), read_own(id_));
         if (!d.empty()) throw Failure("read back: " + d);
         pass();
-        if (others_of(before, id_) != others_of(dump_region(), id_))
+        dump_region(after_);
+        others_of(before_, id_, others_before_);
+        others_of(after_, id_, others_after_);
+        if (others_before_ != others_after_)
             throw Failure("records of other owners changed while this thread held the lock");
         pass();
         commit_series(id_, seq);
@@ -195,7 +203,7 @@ class Thread {
 
     void read_series() {
         Held lock(false, o_, page_, worker_);
-        const shmrmctl::Bytes before = dump_region();
+        dump_region(before_);
         const OwnRecords got = read_own(id_);
         const std::string d = difference(expected(model_, id_), got);
         if (!d.empty()) throw Failure("read-only series: " + d);
@@ -204,7 +212,8 @@ class Thread {
                                       got.main->focnt, got.main->retrycnt, committed_, committed_));
         }
         pass();
-        if (before != dump_region()) throw Failure("the region changed under the read lock");
+        dump_region(after_);
+        if (before_ != after_) throw Failure("the region changed under the read lock");
         pass();
         ++counters_.reads;
         if (++told_after_ % 16 == 0) tell();
@@ -216,6 +225,8 @@ class Thread {
     Identity id_;
     Counters counters_;
     int told_after_ = 0;  // series since the last report
+    // Region copies, kept from series to series.
+    shmrmctl::Bytes before_, after_, others_before_, others_after_;
     std::mt19937 rng_;
     Model model_;
     long long committed_ = -1;  // not known before the first series
