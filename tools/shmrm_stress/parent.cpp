@@ -344,7 +344,9 @@ class Run {
             const Identity id(v * o_.threads + t);
             int c = 0, p = 0;
             if (shmrm_getgrpfocnt(id.group.c_str(), &c) == SHMRM_OK &&
-                shmrm_getgrpretrycnt(id.group.c_str(), &p) == SHMRM_OK && c != p) {
+                shmrm_getgrpretrycnt(id.group.c_str(), &p) == SHMRM_OK && c != p &&
+                cut_short_[static_cast<std::size_t>(id.slot)] != p) {
+                cut_short_[static_cast<std::size_t>(id.slot)] = p;  // once per series
                 ++totals_.cut_short;
             }
         }
@@ -359,6 +361,7 @@ class Run {
     std::vector<Worker> workers_;
     std::vector<std::string> failures_;
     std::vector<std::string> damage_;
+    std::vector<int> cut_short_ = std::vector<int>(static_cast<std::size_t>(slots()), 0);
     Totals totals_;
     std::mt19937 rng_{static_cast<std::mt19937::result_type>(self_id())};
     Clock::time_point start_;
