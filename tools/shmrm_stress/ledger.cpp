@@ -1,10 +1,9 @@
 #include "ledger.h"
 
-#include <fmt/format.h>
-
 #include <cstring>
 #include <string_view>
 
+#include "text.h"
 #include "vexshmrm.h"
 
 namespace stress {
@@ -17,13 +16,12 @@ std::string code_name(int rc) {
         "SHMRM_ERR_LOADINFO", "SHMRM_ERR_XMLCONFIG", "SHMRM_ERR_LOCK"};
     if (rc >= 0 && rc < static_cast<int>(std::size(kNames))) return kNames[rc];
     if (rc == SHMRM_ERR_INSTALLPATH) return "SHMRM_ERR_INSTALLPATH";
-    return fmt::format("result {}", rc);
+    return cat("result ", rc);
 }
 
 void need(int rc, const char* call, int expect) {
     if (rc != expect) {
-        throw Failure(
-            fmt::format("{} gave {}, expected {}", call, code_name(rc), code_name(expect)));
+        throw Failure(cat(call, " gave ", code_name(rc), ", expected ", code_name(expect)));
     }
 }
 
@@ -63,7 +61,7 @@ void commit_series(const Identity& id, int seq) {
 void dump_region(shmrmctl::Bytes& into) {
     int size = 0;
     need(shmrm_dump(nullptr, &size), "shmrm_dump (size)");
-    if (size <= 0) throw Failure(fmt::format("shmrm_dump: region size {}", size));
+    if (size <= 0) throw Failure(cat("shmrm_dump: region size ", size));
     into.resize(static_cast<std::size_t>(size));
     need(shmrm_dump(into.data(), &size), "shmrm_dump");
 }
@@ -84,10 +82,9 @@ void others_of(const shmrmctl::Bytes& region, const Identity& id, shmrmctl::Byte
     if (h.rscmax < 0 || h.grpmax < 0 || h.monmax < 0 || h.grpcnt < 0 || h.moncnt < 0 ||
         h.grpcnt > h.grpmax || h.moncnt > h.monmax ||
         monitors_at + static_cast<std::size_t>(h.monmax) * SHMRM_MON_SIZE > region.size()) {
-        throw Failure(
-            fmt::format("dump: header grpmax {} rscmax {} monmax {} grpcnt {} moncnt {} "
-                        "does not fit {} bytes",
-                        h.grpmax, h.rscmax, h.monmax, h.grpcnt, h.moncnt, region.size()));
+        throw Failure(cat("dump: header grpmax ", h.grpmax, " rscmax ", h.rscmax, " monmax ",
+                          h.monmax, " grpcnt ", h.grpcnt, " moncnt ", h.moncnt, " does not fit ",
+                          region.size(), " bytes"));
     }
     auto name_at = [&](std::size_t at) {
         const char* p = reinterpret_cast<const char*>(region.data() + at);
@@ -124,12 +121,11 @@ template <typename List>
 std::vector<std::string> names(const char* call, List list) {
     int size = 0;
     need(list(nullptr, &size), call);
-    if (size < 2) throw Failure(fmt::format("{}: size query gave {}", call, size));
+    if (size < 2) throw Failure(cat(call, ": size query gave ", size));
     std::vector<char> buf(static_cast<std::size_t>(size));
     const int asked = size;
     need(list(buf.data(), &size), call);
-    if (size != asked)
-        throw Failure(fmt::format("{}: size {} after a query of {}", call, size, asked));
+    if (size != asked) throw Failure(cat(call, ": size ", size, " after a query of ", asked));
     std::vector<std::string> out;
     for (std::size_t at = 0; at < buf.size() && buf[at] != '\0';) {
         out.emplace_back(&buf[at]);
@@ -164,13 +160,13 @@ std::optional<shmrmctl::Group> read_group(const std::string& group, bool present
         need(shmrm_getrscinfo(in_group, type, n), "shmrm_getrscinfo");
         r.type = type;
         if (owner_group != in_group) {
-            throw Failure(fmt::format("shmrm_getrscinfo: {} is in group {}, not {}", name, in_group,
-                                      owner_group));
+            throw Failure(
+                cat("shmrm_getrscinfo: ", name, " is in group ", in_group, ", not ", owner_group));
         }
         need(shmrm_getrscgrp(in_group, type, n), "shmrm_getrscgrp");
         if (owner_group != in_group) {
-            throw Failure(fmt::format("shmrm_getrscgrp: {} is in group {}, not {}", name, in_group,
-                                      owner_group));
+            throw Failure(
+                cat("shmrm_getrscgrp: ", name, " is in group ", in_group, ", not ", owner_group));
         }
         const char* t = r.type.c_str();
         need(shmrm_getrscstat(g, t, n, &r.stat), "shmrm_getrscstat");
@@ -182,7 +178,7 @@ std::optional<shmrmctl::Group> read_group(const std::string& group, bool present
         r.sv = std::string(text, strnlen(text, sizeof text));
         int len = SHMRM_TEXT_LEN;
         need(shmrm_getrscfree(g, t, n, r.free.data(), &len), "shmrm_getrscfree");
-        if (len != SHMRM_TEXT_LEN) throw Failure(fmt::format("shmrm_getrscfree: length {}", len));
+        if (len != SHMRM_TEXT_LEN) throw Failure(cat("shmrm_getrscfree: length ", len));
         std::memset(text, 0, sizeof text);
         need(shmrm_getdescript(g, t, n, text, &len), "shmrm_getdescript");
         r.descript = std::string(text, strnlen(text, sizeof text));
@@ -201,8 +197,8 @@ OwnRecords read_own(const Identity& id) {
         scratches += g == id.scratch;
     }
     if (mains != 1 || scratches > 1) {
-        throw Failure(fmt::format("shmrm_enumgrp lists {} {} times and {} {} times", id.group,
-                                  mains, id.scratch, scratches));
+        throw Failure(cat("shmrm_enumgrp lists ", id.group, " ", mains, " times and ", id.scratch,
+                          " ", scratches, " times"));
     }
     OwnRecords out;
     out.main = read_group(id.group, true, id.group);
@@ -230,7 +226,7 @@ OwnRecords read_own(const Identity& id) {
             int v = 0;
             need(get(t, n, &v), call);
             if (v != static_cast<std::int16_t>(v))
-                throw Failure(fmt::format("{}: {} is not a sign-extended 16-bit value", call, v));
+                throw Failure(cat(call, ": ", v, " is not a sign-extended 16-bit value"));
             return static_cast<std::int16_t>(v);
         };
         m.scriptcnt = counter(shmrm_getmonscriptcnt, "shmrm_getmonscriptcnt");

@@ -1,10 +1,9 @@
 #include "model.h"
 
-#include <fmt/format.h>
-
 #include <algorithm>
 #include <cstring>
 
+#include "text.h"
 #include "vexshmrm.h"
 
 namespace stress {
@@ -64,22 +63,22 @@ int pick(Rng& r, int n, bool want_present, Present present) {
 
 Identity::Identity(int s)
     : slot(s),
-      group(fmt::format("g{}", s)),
-      scratch(fmt::format("x{}", s)),
-      scratch_rsc(fmt::format("y{}", s)),
-      monitor_prefix(fmt::format("m{}.", s)) {}
+      group("g" + std::to_string(s)),
+      scratch("x" + std::to_string(s)),
+      scratch_rsc("y" + std::to_string(s)),
+      monitor_prefix("m" + std::to_string(s) + ".") {}
 
 std::string Identity::resource(int k) const {
-    return fmt::format("r{}.{}", slot, k);
+    return "r" + std::to_string(slot) + "." + std::to_string(k);
 }
 std::string Identity::resource_type(int k) {
-    return fmt::format("t{}", k % 3);
+    return "t" + std::to_string(k % 3);
 }
 std::string Identity::monitor(int k) const {
-    return fmt::format("{}{}", monitor_prefix, k);
+    return monitor_prefix + std::to_string(k);
 }
 std::string Identity::monitor_type(int k) {
-    return fmt::format("mt{}", k % 2);
+    return "mt" + std::to_string(k % 2);
 }
 
 std::string text_of(std::uint32_t seed) {
@@ -400,8 +399,8 @@ std::string describe(const Op& op) {
         "add monitor",   "remove monitor",  "set monitor",          "set progress",
         "add scratch",   "set scratch",     "add scratch resource", "set scratch resource",
         "remove scratch"};
-    return fmt::format("{} k={} field={} value={} len={}",
-                       kNames[static_cast<std::size_t>(op.kind)], op.k, op.field, op.value, op.len);
+    return cat(kNames[static_cast<std::size_t>(op.kind)], " k=", op.k, " field=", op.field,
+               " value=", op.value, " len=", op.len);
 }
 
 namespace {
@@ -435,7 +434,7 @@ shmrmctl::Group group_of(const Grp& g, const std::string& name, const Identity& 
 template <typename T>
 void compare(std::string& out, const std::string& where, const char* what, const T& want,
              const T& got) {
-    if (out.empty() && !(want == got)) out = fmt::format("{}: {} differs", where, what);
+    if (out.empty() && !(want == got)) out = cat(where, ": ", what, " differs");
 }
 
 void compare_group(std::string& out, const shmrmctl::Group& w, const shmrmctl::Group& g) {
@@ -449,7 +448,7 @@ void compare_group(std::string& out, const shmrmctl::Group& w, const shmrmctl::G
     for (std::size_t i = 0; out.empty() && i < w.resources.size(); ++i) {
         const auto& a = w.resources[i];
         const auto& b = g.resources[i];
-        const std::string rat = fmt::format("{} slot {} ({})", at, i, a.name);
+        const std::string rat = at + " slot " + std::to_string(i) + " (" + a.name + ")";
         compare(out, rat, "name", a.name, b.name);
         compare(out, rat, "type", a.type, b.type);
         compare(out, rat, "descript", a.descript, b.descript);
@@ -515,7 +514,7 @@ std::string difference(const OwnRecords& want, const OwnRecords& got) {
     for (std::size_t i = 0; out.empty() && i < want.monitors.size(); ++i) {
         const auto& a = want.monitors[i];
         const auto& b = got.monitors[i];
-        const std::string at = fmt::format("monitor {} ({})", i, a.name);
+        const std::string at = "monitor " + std::to_string(i) + " (" + a.name + ")";
         compare(out, at, "name", a.name, b.name);
         compare(out, at, "type", a.type, b.type);
         compare(out, at, "descript", a.descript, b.descript);

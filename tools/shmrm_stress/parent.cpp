@@ -1,5 +1,4 @@
 // The parent: a node in a temporary install directory, the workers, the killer, the verdict.
-#include <fmt/format.h>
 #include <unistd.h>
 
 #include <chrono>
@@ -13,6 +12,7 @@
 #include "ledger.h"
 #include "process.h"
 #include "stress.h"
+#include "text.h"
 #include "vexshmrm.h"
 
 namespace stress {
@@ -71,11 +71,11 @@ class Run {
     bool failed() const { return !failures_.empty(); }
 
     bool set_up() {
-        std::ofstream(dir_ + "/etc/vex.xml") << fmt::format(
-            "<root>\n  <all><num><group>{}</group><resource>{}</resource><monitor>{}"
-            "</monitor></num></all>\n  <shmrm><log><level>{}</level><size>1000000</size>"
-            "</log></shmrm>\n</root>\n",
-            2 * slots(), o_.params.resources, slots() * o_.params.monitors, o_.log_level);
+        std::ofstream(dir_ + "/etc/vex.xml")
+            << cat("<root>\n  <all><num><group>", 2 * slots(), "</group><resource>",
+                   o_.params.resources, "</resource><monitor>", slots() * o_.params.monitors,
+                   "</monitor></num></all>\n  <shmrm><log><level>", o_.log_level,
+                   "</level><size>1000000</size></log></shmrm>\n</root>\n");
         setenv("VEX_INSTALL_PATH", dir_.c_str(), 1);
         if (const int rc = shmrm_create(); rc != SHMRM_OK) {
             fail("shmrm_create gave " + code_name(rc));
@@ -121,7 +121,7 @@ class Run {
                 next_kill = Clock::now() + pause();
             }
             if (std::chrono::duration<double>(now - start_).count() > limit) {
-                fail(fmt::format("the run has not ended after {} s", limit));
+                fail(cat("the run has not ended after ", limit, " s"));
                 for (auto& w : workers_) {
                     if (w.done) continue;
                     kill_now(w.child);
@@ -150,36 +150,36 @@ class Run {
                 const Identity id(s);
                 const OwnRecords own = own_in(snap, id);
                 if (!own.main) {
-                    fail(fmt::format("slot {}: its group is gone", s));
+                    fail(cat("slot ", s, ": its group is gone"));
                     continue;
                 }
                 const long long c = own.main->focnt;
                 committed_ += c;
                 const std::string d = difference(
                     expected(replay(o_.params, s, static_cast<std::uint64_t>(c)), id), own);
-                if (!d.empty()) fail(fmt::format("slot {}, after series {}: {}", s, c, d));
+                if (!d.empty()) fail(cat("slot ", s, ", after series ", c, ": ", d));
                 if (c < o_.series)
-                    fail(fmt::format("slot {}: {} series committed of {}", s, c, o_.series));
+                    fail(cat("slot ", s, ": ", c, " series committed of ", o_.series));
                 totals_.takeovers += own.main->env;
                 groups += own.scratch ? 2u : 1u;
                 monitors += own.monitors.size();
                 totals_.checks += 2;
             }
             if (groups != snap.groups.size() || monitors != snap.monitors.size()) {
-                fail(fmt::format("the region holds {} groups and {} monitors, its owners {} and {}",
-                                 snap.groups.size(), snap.monitors.size(), groups, monitors));
+                fail(cat("the region holds ", snap.groups.size(), " groups and ",
+                         snap.monitors.size(), " monitors, its owners ", groups, " and ",
+                         monitors));
             }
             acstat_ = snap.header.acstat;
             if (acstat_ - 1 != committed_) {
-                fail(fmt::format("acstat {} counts {} series; the threads committed {}", acstat_,
-                                 acstat_ - 1, committed_));
+                fail(cat("acstat ", acstat_, " counts ", acstat_ - 1,
+                         " series; the threads committed ", committed_));
             }
             if (snap.header.acstat2 != kNoSeries)
-                fail(fmt::format("acstat2 {}: a series is still marked under way",
-                                 snap.header.acstat2));
+                fail(cat("acstat2 ", snap.header.acstat2, ": a series is still marked under way"));
             if (o_.kill_every_ms == 0 && totals_.writes != committed_) {
-                fail(fmt::format("the workers report {} series, the region holds {}",
-                                 totals_.writes, committed_));
+                fail(cat("the workers report ", totals_.writes, " series, the region holds ",
+                         committed_));
             }
             totals_.checks += 3;
         } catch (const Failure& f) {
@@ -256,7 +256,7 @@ class Run {
         Worker& worker = workers_[static_cast<std::size_t>(w)];
         worker = Worker{};
         if (!start_self(args, worker.child)) {
-            fail(fmt::format("worker {} cannot be started", w));
+            fail(cat("worker ", w, " cannot be started"));
             worker.done = true;
         }
     }
@@ -271,7 +271,7 @@ class Run {
         w.done = true;
         close(w.child.output);
         add_report(w.output, totals_);
-        if (status != 0) fail(fmt::format("worker {} ended with status {}", index, status));
+        if (status != 0) fail(cat("worker ", index, " ended with status ", status));
     }
 
     // Reads the workers' output and reaps those that ended.
@@ -315,7 +315,7 @@ class Run {
         const int v = from[rng_() % from.size()];
         Worker& w = workers_[static_cast<std::size_t>(v)];
         if (!page_->take_guard(v, o_.lock_timeout_ms)) {
-            fail(fmt::format("worker {} kept its kill guard for {} ms", v, o_.lock_timeout_ms));
+            fail(cat("worker ", v, " kept its kill guard for ", o_.lock_timeout_ms, " ms"));
             return;
         }
         const bool holding = page_->holding(v);
@@ -324,7 +324,7 @@ class Run {
         page_->set_holding(v, false);
         page_->release_guard(v);
         if (!status) {
-            fail(fmt::format("worker {} did not end after SIGKILL", v));
+            fail(cat("worker ", v, " did not end after SIGKILL"));
             return;
         }
         if (*status != 128 + 9) {  // it had ended by itself
@@ -385,7 +385,7 @@ void remove_namespace_objects(const std::string& ns) {
 int run_parent(const Options& o, char** argv) {
     // The library reads the namespace when it is loaded: start again with it set.
     const std::string ns =
-        o.ipc_namespace.empty() ? fmt::format("shmrm-stress-{}", self_id()) : o.ipc_namespace;
+        o.ipc_namespace.empty() ? cat("shmrm-stress-", self_id()) : o.ipc_namespace;
     const char* current = std::getenv("VEX_IPC_NAMESPACE");
     if (current == nullptr || ns != current) {
         setenv("VEX_IPC_NAMESPACE", ns.c_str(), 1);

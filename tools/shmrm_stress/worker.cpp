@@ -1,5 +1,4 @@
 // A worker process: its threads run series until the parent asks them to stop.
-#include <fmt/format.h>
 
 #include <atomic>
 #include <cstdio>
@@ -11,6 +10,7 @@
 #include "ledger.h"
 #include "process.h"
 #include "stress.h"
+#include "text.h"
 #include "vexshmrm.h"
 
 namespace stress {
@@ -34,8 +34,8 @@ class Held {
         : write_(write), page_(page), worker_(worker) {
         const int rc = write ? shmrm_rwlock(o.lock_timeout_ms) : shmrm_rolock(o.lock_timeout_ms);
         if (rc == SHMRM_ERR_LOCK) {
-            throw Failure(fmt::format("{}: no lock within {} ms",
-                                      write ? "shmrm_rwlock" : "shmrm_rolock", o.lock_timeout_ms));
+            throw Failure(cat(write ? "shmrm_rwlock" : "shmrm_rolock", ": no lock within ",
+                              o.lock_timeout_ms, " ms"));
         }
         need(rc, write ? "shmrm_rwlock" : "shmrm_rolock");
         page_.set_holding(worker_, true);
@@ -131,23 +131,25 @@ class Thread {
             if (j < next.ops.size()) apply(m, next.ops[j], o_.params);
         }
         throw Failure(
-            fmt::format("records match no prefix of the series after the committed "
-                        "one; against the committed records: {}",
-                        first));
+            cat("records match no prefix of the series after the committed one; against the "
+                "committed records: ",
+                first));
     }
 
     void write_series(bool first) {
+        if (first) {
+            // The commit point needs no lock: only this thread writes it, and the process that
+            // ran it before is gone. The records it stands for are rebuilt before locking.
+            int c = 0;
+            need(shmrm_getgrpfocnt(id_.group.c_str(), &c), "shmrm_getgrpfocnt");
+            committed_ = c;
+            model_ = replay(o_.params, id_.slot, static_cast<std::uint64_t>(c));
+        }
         Held lock(true, o_, page_, worker_);
         if (settle_abandoned()) {
             int env = 0;
             need(shmrm_getgrpenv(id_.group.c_str(), &env), "shmrm_getgrpenv");
             need(shmrm_setgrpenv(id_.group.c_str(), env + 1), "shmrm_setgrpenv");
-        }
-        if (first) {
-            int c = 0;
-            need(shmrm_getgrpfocnt(id_.group.c_str(), &c), "shmrm_getgrpfocnt");
-            committed_ = c;
-            model_ = replay(o_.params, id_.slot, static_cast<std::uint64_t>(c));
         }
         const auto seq = static_cast<int>(committed_ + 1);
         Series s = plan(model_, o_.params, id_.slot, static_cast<std::uint64_t>(seq));
@@ -181,8 +183,8 @@ class Thread {
             const Op& op = s.ops[i];
             const int rc = call(op);
             if (rc != op.expect) {
-                throw Failure(fmt::format("{} gave {}, expected {}", describe(op), code_name(rc),
-                                          code_name(op.expect)));
+                throw Failure(cat(describe(op), " gave ", code_name(rc), ", expected ",
+                                  code_name(op.expect)));
             }
         }
         const std::string d = difference(expected(s.after, id_), read_own(id_));
@@ -208,8 +210,8 @@ class Thread {
         const std::string d = difference(expected(model_, id_), got);
         if (!d.empty()) throw Failure("read-only series: " + d);
         if (got.main->focnt != committed_ || got.main->retrycnt != committed_) {
-            throw Failure(fmt::format("ledger: committed {} pending {}, expected {} and {}",
-                                      got.main->focnt, got.main->retrycnt, committed_, committed_));
+            throw Failure(cat("ledger: committed ", got.main->focnt, " pending ",
+                              got.main->retrycnt, ", expected ", committed_, " and ", committed_));
         }
         pass();
         dump_region(after_);
