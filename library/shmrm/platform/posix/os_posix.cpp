@@ -16,6 +16,9 @@
 #include <sys/stat.h>
 #include <time.h>
 #include <unistd.h>
+#if defined(__SANITIZE_THREAD__)
+#include <sanitizer/tsan_interface.h>
+#endif
 
 #include <atomic>
 #include <cerrno>
@@ -207,11 +210,19 @@ constexpr clockid_t kLockClock = CLOCK_REALTIME;
 int clock_lock(pthread_mutex_t* m, const timespec* deadline) {
     return pthread_mutex_timedlock(m, deadline);
 }
+// The sanitizer's timed-lock interceptor records only a plain success. A mutex taken over from
+// a dead owner is owned all the same: record it as the plain lock's interceptor does, so that
+// what this thread does under it is ordered after what the thread before it did.
+void taken_over(pthread_mutex_t* m) {
+    __tsan_mutex_pre_lock(m, 0);
+    __tsan_mutex_post_lock(m, 0, 0);
+}
 #else
 constexpr clockid_t kLockClock = CLOCK_MONOTONIC;
 int clock_lock(pthread_mutex_t* m, const timespec* deadline) {
     return pthread_mutex_clocklock(m, CLOCK_MONOTONIC, deadline);
 }
+void taken_over(pthread_mutex_t*) {}
 #endif
 
 struct SharedMutex {
@@ -457,6 +468,7 @@ unsigned wait_mutex(Handle mutex, unsigned timeout_ms) {
             return kWaitObject0;
         case EOWNERDEAD:
             pthread_mutex_consistent(m);
+            if (timeout_ms != 0 && timeout_ms != kInfinite) taken_over(m);
             t_last_error = 0;
             return kWaitAbandoned;
         case EBUSY:

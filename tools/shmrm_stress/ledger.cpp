@@ -1,0 +1,245 @@
+#include "ledger.h"
+
+#include <cstring>
+#include <string_view>
+
+#include "text.h"
+#include "vexshmrm.h"
+
+namespace stress {
+
+std::string code_name(int rc) {
+    static constexpr const char* kNames[] = {
+        "SHMRM_OK",           "SHMRM_ERR_NOTINIT",   "SHMRM_ERR_PARAM",     "SHMRM_ERR_NOTFOUND",
+        "SHMRM_ERR_BUFFER",   "SHMRM_ERR_XMLINIT",   "SHMRM_ERR_CREATEMAP", "SHMRM_ERR_MAPVIEW",
+        "SHMRM_ERR_OPENMAP",  "SHMRM_ERR_GRPOVER",   "SHMRM_ERR_RSCOVER",   "SHMRM_ERR_MONOVER",
+        "SHMRM_ERR_LOADINFO", "SHMRM_ERR_XMLCONFIG", "SHMRM_ERR_LOCK"};
+    if (rc >= 0 && rc < static_cast<int>(std::size(kNames))) return kNames[rc];
+    if (rc == SHMRM_ERR_INSTALLPATH) return "SHMRM_ERR_INSTALLPATH";
+    return cat("result ", rc);
+}
+
+void need(int rc, const char* call, int expect) {
+    if (rc != expect) {
+        throw Failure(cat(call, " gave ", code_name(rc), ", expected ", code_name(expect)));
+    }
+}
+
+bool settle_abandoned() {
+    int tag = 0;
+    need(shmrm_getacstat2(&tag), "shmrm_getacstat2");
+    if (tag == kNoSeries) return false;
+    const Identity dead(tag - 2);
+    int c = 0, p = 0;
+    need(shmrm_getgrpfocnt(dead.group.c_str(), &c), "shmrm_getgrpfocnt (dead holder)");
+    need(shmrm_getgrpretrycnt(dead.group.c_str(), &p), "shmrm_getgrpretrycnt (dead holder)");
+    if (c == p) {
+        int target = 0;
+        need(shmrm_getpow32port(&target), "shmrm_getpow32port");
+        need(shmrm_setacstat(target), "shmrm_setacstat (settling)");
+    }
+    need(shmrm_setacstat2(kNoSeries), "shmrm_setacstat2 (settling)");
+    return true;
+}
+
+void begin_series(const Identity& id, int seq) {
+    int count = 0;
+    need(shmrm_setgrpretrycnt(id.group.c_str(), seq), "shmrm_setgrpretrycnt");
+    need(shmrm_getacstat(&count), "shmrm_getacstat");
+    need(shmrm_setpow32port(count + 1), "shmrm_setpow32port");
+    need(shmrm_setacstat2(2 + id.slot), "shmrm_setacstat2");
+}
+
+void commit_series(const Identity& id, int seq) {
+    int target = 0;
+    need(shmrm_setgrpfocnt(id.group.c_str(), seq), "shmrm_setgrpfocnt (commit)");
+    need(shmrm_getpow32port(&target), "shmrm_getpow32port");
+    need(shmrm_setacstat(target), "shmrm_setacstat");
+    need(shmrm_setacstat2(kNoSeries), "shmrm_setacstat2");
+}
+
+void dump_region(shmrmctl::Bytes& into) {
+    int size = 0;
+    need(shmrm_dump(nullptr, &size), "shmrm_dump (size)");
+    if (size <= 0) throw Failure(cat("shmrm_dump: region size ", size));
+    into.resize(static_cast<std::size_t>(size));
+    need(shmrm_dump(into.data(), &size), "shmrm_dump");
+}
+
+shmrmctl::Bytes dump_region() {
+    shmrmctl::Bytes bytes;
+    dump_region(bytes);
+    return bytes;
+}
+
+void others_of(const shmrmctl::Bytes& region, const Identity& id, shmrmctl::Bytes& out) {
+    rmhead h;
+    if (region.size() < sizeof h) throw Failure("dump: shorter than the header");
+    std::memcpy(&h, region.data(), sizeof h);
+    const auto stride = static_cast<std::size_t>(SHMRM_GRP_HEAD_SIZE) +
+                        static_cast<std::size_t>(h.rscmax) * SHMRM_RSC_SIZE;
+    const std::size_t monitors_at = SHMRM_HEAD_SIZE + static_cast<std::size_t>(h.grpmax) * stride;
+    if (h.rscmax < 0 || h.grpmax < 0 || h.monmax < 0 || h.grpcnt < 0 || h.moncnt < 0 ||
+        h.grpcnt > h.grpmax || h.moncnt > h.monmax ||
+        monitors_at + static_cast<std::size_t>(h.monmax) * SHMRM_MON_SIZE > region.size()) {
+        throw Failure(cat("dump: header grpmax ", h.grpmax, " rscmax ", h.rscmax, " monmax ",
+                          h.monmax, " grpcnt ", h.grpcnt, " moncnt ", h.moncnt, " does not fit ",
+                          region.size(), " bytes"));
+    }
+    auto name_at = [&](std::size_t at) {
+        const char* p = reinterpret_cast<const char*>(region.data() + at);
+        return std::string_view(p, strnlen(p, SHMRM_NAME_LEN));
+    };
+    out.assign(region.begin(), region.begin() + SHMRM_HEAD_SIZE);
+    rmhead counts = h;
+    for (int g = 0; g < h.grpcnt; ++g) {
+        const std::size_t at = SHMRM_HEAD_SIZE + static_cast<std::size_t>(g) * stride;
+        const auto name = name_at(at);
+        if (name == id.group || name == id.scratch) {
+            --counts.grpcnt;
+        } else {
+            out.insert(out.end(), region.begin() + static_cast<std::ptrdiff_t>(at),
+                       region.begin() + static_cast<std::ptrdiff_t>(at + stride));
+        }
+    }
+    for (int m = 0; m < h.moncnt; ++m) {
+        const std::size_t at = monitors_at + static_cast<std::size_t>(m) * SHMRM_MON_SIZE;
+        if (name_at(at).starts_with(id.monitor_prefix)) {
+            --counts.moncnt;
+        } else {
+            out.insert(out.end(), region.begin() + static_cast<std::ptrdiff_t>(at),
+                       region.begin() + static_cast<std::ptrdiff_t>(at + SHMRM_MON_SIZE));
+        }
+    }
+    std::memcpy(out.data(), &counts, sizeof counts);
+}
+
+namespace {
+
+// A name list: a size query, then the list; the names in order.
+template <typename List>
+std::vector<std::string> names(const char* call, List list) {
+    int size = 0;
+    need(list(nullptr, &size), call);
+    if (size < 2) throw Failure(cat(call, ": size query gave ", size));
+    std::vector<char> buf(static_cast<std::size_t>(size));
+    const int asked = size;
+    need(list(buf.data(), &size), call);
+    if (size != asked) throw Failure(cat(call, ": size ", size, " after a query of ", asked));
+    std::vector<std::string> out;
+    for (std::size_t at = 0; at < buf.size() && buf[at] != '\0';) {
+        out.emplace_back(&buf[at]);
+        at += out.back().size() + 1;
+    }
+    return out;
+}
+
+std::optional<shmrmctl::Group> read_group(const std::string& group, bool present,
+                                          const std::string& owner_group) {
+    if (!present) return std::nullopt;
+    const char* g = group.c_str();
+    shmrmctl::Group out;
+    out.name = group;
+    char sv[SHMRM_TEXT_LEN] = {};
+    need(shmrm_getgrpsv(g, sv), "shmrm_getgrpsv");
+    out.sv = std::string(sv, strnlen(sv, sizeof sv));
+    need(shmrm_getgrpstat(g, &out.stat), "shmrm_getgrpstat");
+    need(shmrm_getgrpenv(g, &out.env), "shmrm_getgrpenv");
+    need(shmrm_getgrpflag(g, &out.flag), "shmrm_getgrpflag");
+    need(shmrm_getgrpretrycnt(g, &out.retrycnt), "shmrm_getgrpretrycnt");
+    need(shmrm_getgrpfocnt(g, &out.focnt), "shmrm_getgrpfocnt");
+    const auto rscs =
+        names("shmrm_enumrsc", [&](char* buf, int* size) { return shmrm_enumrsc(g, buf, size); });
+    out.rsccnt = static_cast<int>(rscs.size());
+    for (const auto& name : rscs) {
+        const char* n = name.c_str();
+        shmrmctl::Resource r;
+        r.name = name;
+        char in_group[SHMRM_NAME_LEN] = {};
+        char type[SHMRM_NAME_LEN] = {};
+        need(shmrm_getrscinfo(in_group, type, n), "shmrm_getrscinfo");
+        r.type = type;
+        if (owner_group != in_group) {
+            throw Failure(
+                cat("shmrm_getrscinfo: ", name, " is in group ", in_group, ", not ", owner_group));
+        }
+        need(shmrm_getrscgrp(in_group, type, n), "shmrm_getrscgrp");
+        if (owner_group != in_group) {
+            throw Failure(
+                cat("shmrm_getrscgrp: ", name, " is in group ", in_group, ", not ", owner_group));
+        }
+        const char* t = r.type.c_str();
+        need(shmrm_getrscstat(g, t, n, &r.stat), "shmrm_getrscstat");
+        need(shmrm_getrscfocnt(g, t, n, &r.focnt), "shmrm_getrscfocnt");
+        need(shmrm_getrscstrtret(g, t, n, &r.strtret), "shmrm_getrscstrtret");
+        need(shmrm_getrscstopret(g, t, n, &r.stopret), "shmrm_getrscstopret");
+        char text[SHMRM_TEXT_LEN] = {};
+        need(shmrm_getrscsv(g, t, n, text), "shmrm_getrscsv");
+        r.sv = std::string(text, strnlen(text, sizeof text));
+        int len = SHMRM_TEXT_LEN;
+        need(shmrm_getrscfree(g, t, n, r.free.data(), &len), "shmrm_getrscfree");
+        if (len != SHMRM_TEXT_LEN) throw Failure(cat("shmrm_getrscfree: length ", len));
+        std::memset(text, 0, sizeof text);
+        need(shmrm_getdescript(g, t, n, text, &len), "shmrm_getdescript");
+        r.descript = std::string(text, strnlen(text, sizeof text));
+        out.resources.push_back(std::move(r));
+    }
+    return out;
+}
+
+}  // namespace
+
+OwnRecords read_own(const Identity& id) {
+    const auto groups = names("shmrm_enumgrp", shmrm_enumgrp);
+    int mains = 0, scratches = 0;
+    for (const auto& g : groups) {
+        mains += g == id.group;
+        scratches += g == id.scratch;
+    }
+    if (mains != 1 || scratches > 1) {
+        throw Failure(cat("shmrm_enumgrp lists ", id.group, " ", mains, " times and ", id.scratch,
+                          " ", scratches, " times"));
+    }
+    OwnRecords out;
+    out.main = read_group(id.group, true, id.group);
+    out.scratch = read_group(id.scratch, scratches == 1, id.scratch);
+    for (const auto& name : names("shmrm_enummon", shmrm_enummon)) {
+        if (!name.starts_with(id.monitor_prefix)) continue;
+        const char* n = name.c_str();
+        shmrmctl::Monitor m;
+        m.name = name;
+        char type[SHMRM_NAME_LEN] = {};
+        need(shmrm_getmoninfo(type, n), "shmrm_getmoninfo");
+        m.type = type;
+        const char* t = type;
+        need(shmrm_getmonstat(t, n, &m.stat), "shmrm_getmonstat");
+        need(shmrm_getmonfo(t, n, &m.fo), "shmrm_getmonfo");
+        need(shmrm_getmonproc(t, n, &m.proc), "shmrm_getmonproc");
+        need(shmrm_getmoninst(t, n, &m.inst), "shmrm_getmoninst");
+        need(shmrm_getmoninstdata(t, n, &m.instdata), "shmrm_getmoninstdata");
+        need(shmrm_getmonsimuflag(t, n, &m.simuflag), "shmrm_getmonsimuflag");
+        need(shmrm_gettargetpid(t, n, &m.targetpid), "shmrm_gettargetpid");
+        need(shmrm_getmonret(t, n, &m.ret), "shmrm_getmonret");
+        need(shmrm_getparentpid(t, n, &m.parentpid), "shmrm_getparentpid");
+        // The 16-bit counters come back sign-extended.
+        auto counter = [&](auto get, const char* call) {
+            int v = 0;
+            need(get(t, n, &v), call);
+            if (v != static_cast<std::int16_t>(v))
+                throw Failure(cat(call, ": ", v, " is not a sign-extended 16-bit value"));
+            return static_cast<std::int16_t>(v);
+        };
+        m.scriptcnt = counter(shmrm_getmonscriptcnt, "shmrm_getmonscriptcnt");
+        m.restartcnt = counter(shmrm_getmonrestartcnt, "shmrm_getmonrestartcnt");
+        m.finactcnt = counter(shmrm_getmonfinactcnt, "shmrm_getmonfinactcnt");
+        need(shmrm_getmonprogress(t, n, &m.progress, &m.tick3, &m.tick4), "shmrm_getmonprogress");
+        char text[SHMRM_TEXT_LEN] = {};
+        const int len = SHMRM_TEXT_LEN;
+        need(shmrm_getdescript(nullptr, t, n, text, &len), "shmrm_getdescript (monitor)");
+        m.descript = std::string(text, strnlen(text, sizeof text));
+        out.monitors.push_back(std::move(m));
+    }
+    return out;
+}
+
+}  // namespace stress
