@@ -1,8 +1,8 @@
 #!/usr/bin/env bash
 # Builds vexshmrm and runs the whole test suite: the default build, the same suite under
 # AddressSanitizer and UndefinedBehaviorSanitizer, then under ThreadSanitizer, and the Windows
-# DLL's build with the suite run under Wine.
-#   scripts/test.sh [preset ...]     (default: default asan tsan windows)
+# DLL's build with the suite run under Wine; then a minute of each fuzz target.
+#   scripts/test.sh [preset ...]     (default: default asan tsan windows, and the fuzzing)
 set -euo pipefail
 cd "$(dirname "$0")/.."
 scripts/deps.sh
@@ -16,3 +16,4 @@ for preset in "${presets[@]}"; do
   cmake --build --preset "$preset" -j "$jobs"
   ctest --preset "$preset" -j "$((jobs * 2))"
 done
+if (($# == 0)); then echo "== fuzz" && scripts/fuzz.sh 60; fi
