@@ -1,4 +1,5 @@
-# VEX_SANITIZE: empty, "address;undefined", "thread", or "coverage".
+# VEX_SANITIZE: empty, "address;undefined", "thread", or "coverage"; "fuzzer" adds libFuzzer's
+# coverage instrumentation to every target (the fuzz targets link libFuzzer itself).
 set(VEX_SANITIZE "" CACHE STRING "Sanitizers or coverage instrumentation for every target")
 
 foreach(kind IN LISTS VEX_SANITIZE)
@@ -12,6 +13,8 @@ foreach(kind IN LISTS VEX_SANITIZE)
   elseif(kind STREQUAL "thread")
     add_compile_options(-fsanitize=thread)
     add_link_options(-fsanitize=thread)
+  elseif(kind STREQUAL "fuzzer")
+    add_compile_options(-fsanitize=fuzzer-no-link)
   elseif(kind STREQUAL "coverage")
     add_compile_options(--coverage -O0)
     add_link_options(--coverage)

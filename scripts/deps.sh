@@ -6,7 +6,8 @@ set -euo pipefail
 
 packages=(cmake make g++ binutils pkg-config libpugixml-dev googletest libgtest-dev libgmock-dev
           libbenchmark-dev clang-format libcli11-dev nlohmann-json3-dev libfmt-dev tmux python3-matplotlib gcovr
-          g++-mingw-w64-x86-64-posix binutils-mingw-w64-x86-64 wine wine64)
+          g++-mingw-w64-x86-64-posix binutils-mingw-w64-x86-64 wine wine64
+          clang libclang-rt-14-dev)
 
 sudo=""
 if [ "$(id -u)" -ne 0 ]; then sudo="sudo"; fi

@@ -1,9 +1,9 @@
 #!/usr/bin/env bash
 # Builds vexshmrm and runs the whole test suite: the default build, the same suite under
 # AddressSanitizer and UndefinedBehaviorSanitizer, then under ThreadSanitizer, the Windows
-# DLL's build with the suite run under Wine, and last the coverage build, which fails below the
-# library's coverage floor (scripts/coverage.sh).
-#   scripts/test.sh [preset ...]     (default: default asan tsan windows coverage)
+# DLL's build with the suite run under Wine, the coverage build, which fails below the
+# library's coverage floor (scripts/coverage.sh), and last a minute of each fuzz target.
+#   scripts/test.sh [preset ...]     (default: default asan tsan windows coverage, and the fuzzing)
 set -euo pipefail
 cd "$(dirname "$0")/.."
 scripts/deps.sh
@@ -21,3 +21,4 @@ for preset in "${presets[@]}"; do
   cmake --build --preset "$preset" -j "$jobs"
   ctest --preset "$preset" -j "$((jobs * 2))"
 done
+if (($# == 0)); then echo "== fuzz" && scripts/fuzz.sh 60; fi

@@ -1,5 +1,5 @@
-// Shared set-up of the table tests: a small region (4 groups of 3 resources, 4 monitors) created
-// with every trace line captured, and helpers for its layout, its dump and the trace.
+// Shared set-up of the table tests: the small region of support/model.h created with every
+// trace line captured, and helpers for the trace.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -13,41 +13,19 @@
 
 #include "shmrm_internal.h"
 #include "support/fake_imports.h"
+#include "support/model.h"
 #include "support/sandbox.h"
 #include "vexshmrm.h"
 #include "vexxml.h"
 
 namespace vextest {
 
-using Bytes = std::vector<unsigned char>;
 using Lines = std::vector<TraceLine>;
-
-constexpr int kGroups = 4, kSlots = 3, kMonitors = 4;
-constexpr int kStride = SHMRM_GRP_HEAD_SIZE + kSlots * SHMRM_RSC_SIZE;
-constexpr int kMonTable = SHMRM_HEAD_SIZE + kGroups * kStride;
-constexpr int kRegionSize = kMonTable + kMonitors * SHMRM_MON_SIZE;
-
-constexpr int grp_at(int g) {
-    return SHMRM_HEAD_SIZE + g * kStride;
-}
-constexpr int rsc_at(int g, int r) {
-    return grp_at(g) + SHMRM_GRP_HEAD_SIZE + r * SHMRM_RSC_SIZE;
-}
-constexpr int mon_at(int m) {
-    return kMonTable + m * SHMRM_MON_SIZE;
-}
 
 inline std::string exit_line(int rc) {
     char text[40];
     std::snprintf(text, sizeof text, "<<< EXIT >>> : 0x%08x", static_cast<unsigned>(rc));
     return text;
-}
-
-inline Bytes dump_region() {
-    Bytes out(static_cast<std::size_t>(kRegionSize));
-    int size = kRegionSize;
-    EXPECT_EQ(shmrm_dump(out.data(), &size), SHMRM_OK);
-    return out;
 }
 
 inline void put_word(int offset, int value) {

@@ -3,7 +3,6 @@
 
 #include <atomic>
 #include <cstddef>
-#include <source_location>
 
 #include "imports.h"
 #include "os.h"
@@ -96,36 +95,47 @@ constexpr const char* base_name(const char* path) {
     return base;
 }
 
+// The caller's file and line, as a default argument records them. (std::source_location needs a
+// builtin that clang 14 lacks; these two are older and known to GCC and clang alike.)
+struct SourceLocation {
+    static constexpr SourceLocation current(const char* in_file = __builtin_FILE(),
+                                            int at_line = __builtin_LINE()) {
+        return {in_file, at_line};
+    }
+    constexpr const char* file_name() const { return file; }
+    constexpr int line() const { return line_number; }
+    const char* file;
+    int line_number;
+};
+
 // One export's trace: the ENTER line when constructed, then exit() or fail() on every return.
 class Call {
   public:
-    explicit Call(const char* tag, std::source_location at = std::source_location::current())
-        : tag_(tag) {
+    explicit Call(const char* tag, SourceLocation at = SourceLocation::current()) : tag_(tag) {
         line(SHMRM_LOG_FUNC, at, "<<< ENTER >>>");
     }
     // A Call whose ENTER line is written later (or never).
     struct Silent {};
     Call(const char* tag, Silent) : tag_(tag) {}
 
-    void enter(std::source_location at = std::source_location::current()) const {
+    void enter(SourceLocation at = SourceLocation::current()) const {
         line(SHMRM_LOG_FUNC, at, "<<< ENTER >>>");
     }
-    int exit(int rc, std::source_location at = std::source_location::current()) const {
+    int exit(int rc, SourceLocation at = SourceLocation::current()) const {
         if (trace_enabled(SHMRM_LOG_FUNC))
             trace_write(SHMRM_LOG_FUNC, base_name(at.file_name()), static_cast<int>(at.line()),
                         tag_, "<<< EXIT >>> : 0x%08lx", static_cast<unsigned long>(rc));
         return rc;
     }
     // A failure: its message at the error level, then the EXIT line.
-    int fail(int rc, const char* message,
-             std::source_location at = std::source_location::current()) const {
+    int fail(int rc, const char* message, SourceLocation at = SourceLocation::current()) const {
         line(SHMRM_LOG_ERROR, at, message);
         return exit(rc, at);
     }
     const char* tag() const { return tag_; }
 
   private:
-    void line(int level, std::source_location at, const char* text) const {
+    void line(int level, SourceLocation at, const char* text) const {
         if (trace_enabled(level))
             trace_write(level, base_name(at.file_name()), static_cast<int>(at.line()), tag_, "%s",
                         text);
