@@ -291,7 +291,7 @@ TEST(ShmrmctlAlone, NoRegionIsReportedNotCrashedOn) {
                              {"get", "header", "acstat"},
                              {"add", "group", "g"}}) {
         const Result r = shmrmctl(args);
-        EXPECT_EQ(r.status, 1) << args[0];
+        EXPECT_EQ(r.status, 1) << args[0] << ": " << r.out << r.err;
         EXPECT_NE(r.err.find("shmrm_attach: SHMRM_ERR_OPENMAP"), std::string::npos) << r.err;
     }
     EXPECT_NE(shmrmctl({"status", "--bogus"}).status, 0);

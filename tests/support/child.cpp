@@ -311,7 +311,9 @@ RunResult run(const std::vector<std::string>& args, const std::vector<std::strin
                     continue;
                 }
             }
-            CloseHandle(reads[i]);  // the writers have all gone
+            // A broken pipe: the writers have all gone. Any other failure: try again.
+            if (GetLastError() != ERROR_BROKEN_PIPE) continue;
+            CloseHandle(reads[i]);
             reads[i] = nullptr;
             --open_pipes;
         }

@@ -218,7 +218,10 @@ bool Child::wait_for_line(const std::string& prefix, int timeout_ms) {
     const ULONGLONG end = GetTickCount64() + static_cast<ULONGLONG>(timeout_ms);
     while (GetTickCount64() < end) {
         DWORD available = 0;
-        if (!PeekNamedPipe(state_->out, nullptr, 0, nullptr, &available, nullptr)) return false;
+        if (!PeekNamedPipe(state_->out, nullptr, 0, nullptr, &available, nullptr)) {
+            if (GetLastError() == ERROR_BROKEN_PIPE) return false;  // the child has gone
+            available = 0;
+        }
         if (available == 0) {
             Sleep(10);
             continue;
