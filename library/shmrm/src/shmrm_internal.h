@@ -16,10 +16,15 @@
 
 #if defined(__GNUC__)
 #define SHMRM_PRINTF(f, a) __attribute__((format(printf, f, a)))
-// An export's course, inlined into each export so that the member's field is a constant there.
-#define SHMRM_INLINE inline __attribute__((always_inline))
 #else
 #define SHMRM_PRINTF(f, a)
+#endif
+
+// An export's course, inlined into each export of an optimised build so that the member's field
+// is a constant there. Unoptimised builds (debug, sanitizers, coverage) keep one copy.
+#if defined(__GNUC__) && defined(__OPTIMIZE__)
+#define SHMRM_INLINE inline __attribute__((always_inline))
+#else
 #define SHMRM_INLINE inline
 #endif
 
