@@ -18,11 +18,11 @@ trap 'rm -rf "$work"; rm -f /dev/shm/"$VEX_IPC_NAMESPACE".*' EXIT
 findings=build/fuzz/findings
 mkdir -p "$findings"
 status=0
-for spec in api:8192 dump:16384; do  # target and input size limit (dump seeds are 14 kB)
-  target=${spec%:*}
+for entry in api:8192 dump:16384; do  # target and input size limit (dump seeds are 14 kB)
+  target=${entry%:*}
   cp -r "fuzz/corpus/$target" "$work/$target"
   log="$work/$target.log"
-  build/fuzz/fuzz/${target}_fuzz -max_total_time="$seconds" -max_len="${spec#*:}" -timeout=30 \
+  build/fuzz/fuzz/${target}_fuzz -max_total_time="$seconds" -max_len="${entry#*:}" -timeout=30 \
     -print_final_stats=1 -artifact_prefix="$findings/$target-" "$work/$target" >"$log" 2>&1 &
   pid=$!
   if ! wait $pid; then
