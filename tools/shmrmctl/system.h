@@ -5,6 +5,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <ctime>
 #include <memory>
 #include <string>
 #include <vector>
@@ -95,7 +96,7 @@ class Console {
 };
 
 // ---- Clock and process
-std::string clock_text();  // the local time, "HH:MM:SS"
+std::tm local_now();  // the local time, broken down
 // The tick count the library stamps progress with (milliseconds since boot, 32 bits).
 std::uint32_t tick_now();
 long process_id();

@@ -376,13 +376,11 @@ bool Console::read_keys(int timeout_ms, std::string& keys) const {
     return true;
 }
 
-std::string clock_text() {
+std::tm local_now() {
     const std::time_t t = std::time(nullptr);
     std::tm tm{};
     localtime_s(&tm, &t);
-    char buf[16];
-    std::strftime(buf, sizeof buf, "%H:%M:%S", &tm);
-    return buf;
+    return tm;
 }
 
 std::uint32_t tick_now() {

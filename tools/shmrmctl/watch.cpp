@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <chrono>
 #include <cstdio>
+#include <ctime>
 
 #include "region.h"
 #include "render.h"
@@ -14,6 +15,13 @@
 namespace shmrmctl {
 
 namespace {
+
+std::string clock_text() {
+    const std::tm tm = sys::local_now();
+    char buf[16];
+    std::strftime(buf, sizeof buf, "%H:%M:%S", &tm);
+    return buf;
+}
 
 // One screen: the title, then every table, changed cells in reverse video.
 std::string frame(const std::vector<Table>& now, const std::vector<Table>& before,
@@ -112,7 +120,7 @@ int watch(const WatchOptions& options) {
             note = "  -- " + failure.message();
         }
         const std::string title = fmt::format("shmrmctl watch  {}  every {:.1f}s  q: quit{}",
-                                              sys::clock_text(), options.interval_s, note);
+                                              clock_text(), options.interval_s, note);
         console.write(frame(now, before, title, console.size()));
         if (!now.empty()) before = std::move(now);
 
