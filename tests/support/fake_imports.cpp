@@ -110,6 +110,10 @@ void* open_mapping(unsigned access, int inherit, const char* name) {
     if (h != nullptr) g_fake->handles_open_++;
     return h;
 }
+int remove_unused(const char* name) {
+    record("VexutilRemoveUnusedObject", name);
+    return real().VexutilRemoveUnusedObject(name);
+}
 void* map_view(void* mapping, std::size_t* mapped) {
     int r;
     g_fake->use_fake_error_ = false;
@@ -151,9 +155,9 @@ bool release_mutex(void* mutex) {
 const shmrm::Imports kFakeTable = {
     xml_init,          xml_load_config, xml_load_policy, xml_get_value, xml_unload_policy,
     xml_unload_config, xml_term,        log_open,        log_write,     log_close,
-    create_mutex,      install_path,    create_mapping,  open_mapping,  map_view,
-    unmap_view,        close_handle,    last_error,      sleep_ms,      tick_count,
-    wait_mutex,        release_mutex,
+    create_mutex,      install_path,    create_mapping,  open_mapping,  remove_unused,
+    map_view,          unmap_view,      close_handle,    last_error,    sleep_ms,
+    tick_count,        wait_mutex,      release_mutex,
 };
 
 }  // namespace

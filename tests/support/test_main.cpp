@@ -33,26 +33,38 @@ int main(int argc, char** argv) {
 #else
 #include <unistd.h>
 
-#include <filesystem>
+#include "os.h"
+#include "shmrm_internal.h"
+
+namespace {
+
+void print_left(const char* name, void*) {
+    std::fprintf(stderr, "left behind: /dev/shm/%s\n", name);
+}
+
+}  // namespace
 
 int main(int argc, char** argv) {
     const std::string own = "vextest" + vextest::process_id_text();
     if (std::getenv("VEX_IPC_NAMESPACE") == nullptr) {
+        // The library was loaded under no namespace; it lets go before the program starts again.
+        shmrm::unload();
         vextest::set_env("VEX_IPC_NAMESPACE", own);
         execv("/proc/self/exe", argv);
         std::perror("execv");
         return 1;
     }
     testing::InitGoogleTest(&argc, argv);
-    const int rc = RUN_ALL_TESTS();
-    // The named objects of a namespace this process made up (the region lock and the guards
-    // stay in the system's shared-memory folder) go with it.
+    int rc = RUN_ALL_TESTS();
+    // When the last process of a namespace has let go of the library, nothing of the namespace
+    // may remain: this process (and namespaces below its own) are checked once it has.
     if (own == std::getenv("VEX_IPC_NAMESPACE")) {
-        std::error_code ec;
-        for (const auto& entry : std::filesystem::directory_iterator("/dev/shm", ec)) {
-            if (entry.path().filename().string().rfind(own + ".", 0) == 0)
-                std::filesystem::remove(entry.path(), ec);
+        shmrm::unload();
+        if (vex::os::namespace_objects(own.c_str(), print_left, nullptr) != 0) {
+            std::fprintf(stderr, "the test run left named objects behind\n");
+            rc = 1;
         }
+        vex::os::sweep_namespace(own.c_str());
     }
     return rc;
 }

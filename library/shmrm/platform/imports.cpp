@@ -21,6 +21,7 @@ const Imports kSystemImports = {
     vex::VexutilGetInstallPath,
     vex::VexutilCreateNamedFileMapping,
     vex::VexutilOpenNamedFileMapping,
+    vex::VexutilRemoveUnusedObject,
     vex::os::map_view,
     vex::os::unmap_view,
     vex::os::close_handle,

@@ -35,6 +35,7 @@ struct Imports {
     void* (*VexutilCreateNamedFileMapping)(std::intptr_t file, unsigned protect, unsigned size_high,
                                            unsigned size_low, const char* name);
     void* (*VexutilOpenNamedFileMapping)(unsigned access, int inherit, const char* name);
+    int (*VexutilRemoveUnusedObject)(const char* name);
 
     // Kernel
     void* (*map_view)(void* mapping, std::size_t* mapped);

@@ -24,28 +24,46 @@ inline constexpr unsigned kInfinite = 0xFFFFFFFFu;
 unsigned last_error();
 void set_last_error(unsigned error);
 
-// Object names are non-empty and hold no '/'; other names are refused.
+// Object names are non-empty, hold no '/' and have at most kObjectNameMax characters (the room
+// a system's companion objects need is kept free on every system); other names are refused.
+inline constexpr std::size_t kObjectNameMax = 249;
 
 // A named, memory-backed mapping that lives exactly while some process holds a handle to it or
 // a view of it; a process that dies releases what it held. (On Windows its name can no longer
 // be opened once the last handle is closed; the library keeps a handle with every view.) After a
 // successful create the last error is kErrorAlreadyExists exactly when the mapping existed before
 // the call (its size is then the existing one). open fails with kErrorFileNotFound when no process
-// holds the mapping.
+// holds the mapping. Its memory is committed when it is made: a mapping the system cannot back
+// is refused then, and never faults later. No object of a name outlives its last holder.
 Handle create_named_mapping(std::uint64_t size, const char* name);
 Handle open_named_mapping(const char* name);
-// Maps the whole mapping read-write; *mapped receives its length.
+// Maps the whole mapping read-write; *mapped receives its length. Where the system allows, the
+// view lies between inaccessible pages, so that a stray access past either end faults at once
+// instead of touching whatever lies beside it.
 void* map_view(Handle mapping, std::size_t* mapped);
 bool unmap_view(void* view);
 
 // A named, recursive mutex owned by a thread, shared by every process. When its owner thread
-// or process ends while holding it, the next waiter gets it with kWaitAbandoned.
+// or process ends while holding it, the next waiter gets it with kWaitAbandoned. Its memory is
+// committed when it is made (creation fails when it cannot be); it lives while any process holds
+// a handle to it.
 Handle create_named_mutex(const char* name);
 unsigned wait_mutex(Handle mutex, unsigned timeout_ms);
 bool release_mutex(Handle mutex);
 
 // Closes a mapping or mutex handle.
 bool close_handle(Handle handle);
+
+// Removes a named mapping or mutex that no process holds any more (its holders all died); true
+// when it removed one. Where the kernel ends an object with its last handle, there is never one.
+bool remove_if_unused(const char* name);
+
+// The objects whose names begin with "<ns>.": each one's name is passed to `each`; the count is
+// returned. Where objects end with their last handle, none is ever listed.
+std::size_t namespace_objects(const char* ns, void (*each)(const char* name, void* context),
+                              void* context);
+// Removes every object of the namespace that no process holds.
+void sweep_namespace(const char* ns);
 
 // A process-local recursive lock with an explicit lifetime (it may be used from static
 // constructors and destructors, in any order).

@@ -16,11 +16,11 @@ namespace {
 
 constexpr unsigned kPageReadWrite = 4;
 constexpr unsigned kFileMapAllAccess = 0xF001F;
-constexpr int kObjectNameMax = 256;
+constexpr int kObjectNameBuffer = static_cast<int>(os::kObjectNameMax) + 1;  // with its NUL
 
 // "<namespace>." when VEX_IPC_NAMESPACE was set at load; a namespace too long for any object
 // name is kept whole so that every name built from it fails.
-char g_namespace[kObjectNameMax + 2] = {};
+char g_namespace[kObjectNameBuffer + 2] = {};
 bool g_namespace_unusable = false;
 
 }  // namespace
@@ -52,7 +52,7 @@ int VexutilGetInstallPath(char* buf, int size) {
 }
 
 void* VexutilCreateMutex(int /*flags*/, const char* name) {
-    char full[kObjectNameMax];
+    char full[kObjectNameBuffer];
     const char* object = VexutilObjectName(name, full, sizeof full);
     if (object == nullptr) {
         os::set_last_error(87);  // invalid parameter
@@ -63,7 +63,7 @@ void* VexutilCreateMutex(int /*flags*/, const char* name) {
 
 void* VexutilCreateNamedFileMapping(std::intptr_t file, unsigned protect, unsigned size_high,
                                     unsigned size_low, const char* name) {
-    char full[kObjectNameMax];
+    char full[kObjectNameBuffer];
     const char* object = VexutilObjectName(name, full, sizeof full);
     if (object == nullptr || file != -1 || protect != kPageReadWrite) {
         os::set_last_error(87);
@@ -74,13 +74,19 @@ void* VexutilCreateNamedFileMapping(std::intptr_t file, unsigned protect, unsign
 }
 
 void* VexutilOpenNamedFileMapping(unsigned access, int /*inherit*/, const char* name) {
-    char full[kObjectNameMax];
+    char full[kObjectNameBuffer];
     const char* object = VexutilObjectName(name, full, sizeof full);
     if (object == nullptr || access != kFileMapAllAccess) {
         os::set_last_error(87);
         return nullptr;
     }
     return os::open_named_mapping(object);
+}
+
+int VexutilRemoveUnusedObject(const char* name) {
+    char full[kObjectNameBuffer];
+    const char* object = VexutilObjectName(name, full, sizeof full);
+    return object != nullptr && os::remove_if_unused(object) ? 1 : 0;
 }
 
 }  // namespace vex

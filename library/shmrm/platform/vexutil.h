@@ -23,5 +23,7 @@ void* VexutilCreateNamedFileMapping(std::intptr_t file, unsigned protect, unsign
                                     unsigned size_low, const char* name);
 // access 0xF001F (all access); inherit is accepted for compatibility.
 void* VexutilOpenNamedFileMapping(unsigned access, int inherit, const char* name);
+// Removes the named mapping or mutex when no process holds it any more; non-zero when it did.
+int VexutilRemoveUnusedObject(const char* name);
 
 }  // namespace vex

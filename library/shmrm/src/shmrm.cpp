@@ -20,20 +20,29 @@ constexpr int kTraceBuffer = 4096;
 bool load() {
     g.init_lock.init();
     g.log_lock.init();
+    g.started = true;
     g.attach_count = 0;
     vex::VexutilLoadNamespace();
-    g.lock_handle = imports().VexutilCreateMutex(0, kLockName);
+    const Imports& im = imports();
+    g.lock_handle = im.VexutilCreateMutex(0, kLockName);
     g.loaded = g.lock_handle != nullptr;
+    // A region whose holders all died is not kept for a process that may never come.
+    if (g.loaded) im.VexutilRemoveUnusedObject(kMapName);
     return g.loaded;
 }
 
 void unload() {
+    if (!g.started) return;
+    g.started = false;
     // A view still mapped and a log still open stay as they are.
     g.init_lock.destroy();
     g.log_lock.destroy();
-    if (g.lock_handle != nullptr) imports().close_handle(g.lock_handle);
+    if (g.lock_handle == nullptr) return;
+    const Imports& im = imports();
+    im.close_handle(g.lock_handle);
     g.lock_handle = nullptr;
     g.loaded = false;
+    im.VexutilRemoveUnusedObject(kMapName);
 }
 
 void log_open() {
@@ -95,20 +104,14 @@ void trace_write(int level, const char* file, int line, const char* tag, const c
 // The DLL's entry point. A process that cannot obtain the region lock does not get the library:
 // the load fails.
 extern "C" BOOL WINAPI DllMain(HINSTANCE /*module*/, DWORD reason, LPVOID /*reserved*/) {
-    static bool attached = false;
     switch (reason) {
         case DLL_PROCESS_ATTACH:
-            if (!shmrm::load()) {
-                shmrm::g.init_lock.destroy();
-                shmrm::g.log_lock.destroy();
-                return FALSE;
-            }
-            attached = true;
-            return TRUE;
+            if (shmrm::load()) return TRUE;
+            shmrm::unload();
+            return FALSE;
         case DLL_PROCESS_DETACH:
             // Also called after a refused attach, when there is nothing left to release.
-            if (attached) shmrm::unload();
-            attached = false;
+            shmrm::unload();
             return TRUE;
         default:
             return TRUE;

@@ -1,14 +1,41 @@
 // POSIX named mappings and mutexes with the lifetime and ownership rules of os.h.
 //
-// A named mapping is a POSIX shared-memory object. Every handle and every view holds an open
-// file description of it with a shared record lock (OFD lock) on it; the kernel drops such a
-// lock when the description is closed, also when its process dies. Whether anyone still holds
-// the mapping is therefore the question whether an exclusive lock could be taken. Create, open
-// and release ask it under a guard (an flock on a companion object), so that they never race:
-// an object nobody holds is stale, and is replaced (create) or removed (open, last release).
+// Every named object is a POSIX shared-memory object. Beside it lives a companion, the guard
+// "<name>.guard": an empty object whose flock serialises every process's making, opening, closing
+// and removal of that name. The guard exists while its object does, and briefly around an
+// operation on a name that has none.
 //
-// A named mutex is a robust, recursive, process-shared pthread mutex in its own shared-memory
-// object, initialised once under an flock; an owner that dies hands it on with EOWNERDEAD.
+// Holding. Every mapping handle, every view and every process's mutex handle holds an open file
+// description of its object with a shared OFD record lock on it. The kernel drops such a lock when
+// the description goes (its descriptors closed and its memory unmapped), also when its process
+// dies. Whether anyone still holds an object is therefore the question whether an exclusive lock
+// could be taken: a description that gets one is the only holder left.
+//
+// Removal. Under the guard, the last holder to let go removes the object's name; an opener that
+// finds an object nobody holds (its holders died) removes it before going on; and whoever leaves
+// a name without an object removes the guard's name too. The library also removes its namespace's
+// unused region when it is loaded and unloaded. So nothing of a namespace outlives the last
+// process that used it, and what killed processes left goes with the next process that looks.
+//
+// The unlink/open race. The danger is an opener that takes hold of an object just as its last
+// holder removes the name: it would keep an object no later opener finds, and two processes would
+// use two regions, or two region locks, under one name. Three rules close it:
+// 1. Opening an object and taking its shared lock happen under the guard, and so do the last
+//    holder's test (the exclusive lock) and its unlink. An opener comes either before the unlink,
+//    and then its shared lock tells the closer that it is not the last, or after it, and then
+//    finds no object and makes a new one.
+// 2. The guard's own name can be removed while another process waits for its flock. A process that
+//    gets the flock therefore checks that the name still refers to the guard it locked; when it
+//    does not, that flock guards nothing, and it opens the name afresh and tries again.
+// 3. A description that holds an object only through mapped memory keeps its lock until the
+//    memory goes; the mutex's memory stays mapped after its handle closes (see close_handle), so
+//    its lock is dropped by hand.
+//
+// Memory is committed when an object is made (posix_fallocate), as the Windows kernel commits a
+// section: a full shared-memory file system refuses the object then, and no page faults later.
+//
+// A named mutex is a robust, recursive, process-shared pthread mutex in its own object,
+// initialised once under its guard; an owner that dies hands it on with EOWNERDEAD.
 #include <fcntl.h>
 #include <pthread.h>
 #include <sys/file.h>
@@ -42,7 +69,9 @@ pid_t self_tid() {
 }
 
 constexpr mode_t kObjectMode = 0660;
-constexpr std::size_t kNameMax = 256;
+constexpr char kGuardSuffix[] = ".guard";
+// "/", the name, the guard's suffix and the NUL.
+constexpr std::size_t kNameMax = 1 + kObjectNameMax + sizeof kGuardSuffix;
 
 template <typename F>
 int no_eintr(F f) {
@@ -59,10 +88,10 @@ bool fail(int error) {
 }
 
 // "/<name>" as POSIX wants shared-memory names; false when the name cannot be used.
-bool shm_name(const char* name, const char* suffix, char (&out)[kNameMax]) {
+bool shm_name(const char* name, char (&out)[kNameMax]) {
     if (name == nullptr || *name == '\0' || std::strchr(name, '/') != nullptr) return fail(EINVAL);
-    int n = std::snprintf(out, sizeof out, "/%s%s", name, suffix);
-    if (n < 0 || static_cast<std::size_t>(n) >= sizeof out) return fail(ENAMETOOLONG);
+    if (std::strlen(name) > kObjectNameMax) return fail(ENAMETOOLONG);
+    std::snprintf(out, sizeof out, "/%s", name);
     return true;
 }
 
@@ -70,6 +99,30 @@ int shm_open_object(const char* name, int flags) {
     int fd = no_eintr([&] { return shm_open(name, flags | O_RDWR | O_CLOEXEC, kObjectMode); });
     if (fd >= 0 && (flags & O_CREAT) != 0) (void)fchmod(fd, kObjectMode);
     return fd;
+}
+
+// Whether no object has this name (another failure to open it says nothing either way).
+bool absent(const char* shm) {
+    int fd = shm_open_object(shm, 0);
+    if (fd < 0) return errno == ENOENT;
+    close(fd);
+    return false;
+}
+
+bool same_object(int a, int b) {
+    struct stat x {
+    }, y{};
+    return fstat(a, &x) == 0 && fstat(b, &y) == 0 && x.st_ino == y.st_ino && x.st_dev == y.st_dev;
+}
+
+// Whether the name still refers to the object open at fd: 1 yes, 0 no, -1 (errno set) when that
+// cannot be told.
+int names(const char* shm, int fd) {
+    int other = shm_open_object(shm, 0);
+    if (other < 0) return errno == ENOENT ? 0 : -1;
+    const bool same = same_object(fd, other);
+    close(other);
+    return same ? 1 : 0;
 }
 
 // An OFD record lock over the whole object; type F_RDLCK, F_WRLCK or F_UNLCK. Non-blocking.
@@ -80,28 +133,45 @@ bool ofd_lock(int fd, short type) {
     return no_eintr([&] { return fcntl(fd, F_OFD_SETLK, &fl); }) == 0;
 }
 
-// Serialises create, open and release of one mapping name across processes.
+// Commits the memory of an object's first `size` bytes (and makes it at least that long).
+int commit(int fd, std::uint64_t size) {
+    int r;
+    do {
+        r = posix_fallocate(fd, 0, static_cast<off_t>(size));
+    } while (r == EINTR);
+    return r;
+}
+
+// Serialises making, opening, closing and removing one object name across processes.
 class Guard {
   public:
     explicit Guard(const char* shm) {
-        char name[kNameMax];
-        int n = std::snprintf(name, sizeof name, "%s.guard", shm);
-        if (n < 0 || static_cast<std::size_t>(n) >= sizeof name) {
-            fail(ENAMETOOLONG);
-            return;
-        }
-        fd_ = shm_open_object(name, O_CREAT);
-        if (fd_ < 0) {
-            fail(errno);
-            return;
-        }
-        // A blocking flock on a descriptor of our own fails only when the kernel has no memory
-        // left for the lock.
-        if (no_eintr([&] { return flock(fd_, LOCK_EX); }) != 0) {  // GCOVR_EXCL_START
-            fail(errno);
+        std::snprintf(name_, sizeof name_, "%s%s", shm, kGuardSuffix);  // fits: see shm_name
+        for (;;) {
+            fd_ = shm_open_object(name_, O_CREAT);
+            if (fd_ < 0) {
+                fail(errno);
+                return;
+            }
+            // A blocking flock on a descriptor of our own fails only when the kernel has no
+            // memory left for the lock.
+            if (no_eintr([&] { return flock(fd_, LOCK_EX); }) != 0) {  // GCOVR_EXCL_START
+                fail(errno);
+                close(fd_);
+                fd_ = -1;
+                return;
+            }  // GCOVR_EXCL_STOP
+            const int current = names(name_, fd_);
+            if (current == 1) return;
+            const int err = errno;
             close(fd_);
             fd_ = -1;
-        }  // GCOVR_EXCL_STOP
+            if (current < 0) {
+                fail(err);
+                return;
+            }
+            // Its holder removed it while we waited: lock the one named now.
+        }
     }
     ~Guard() {
         if (fd_ >= 0) close(fd_);  // closing drops the flock
@@ -109,8 +179,14 @@ class Guard {
     Guard(const Guard&) = delete;
     Guard& operator=(const Guard&) = delete;
     bool ok() const { return fd_ >= 0; }
+    // Removes the guard's name when no object has the name it guards; the flock still covers the
+    // caller until the guard goes.
+    void remove_if_alone(const char* shm) {
+        if (fd_ >= 0 && absent(shm)) shm_unlink(name_);
+    }
 
   private:
+    char name_[kNameMax + sizeof kGuardSuffix] = {};
     int fd_ = -1;
 };
 
@@ -121,7 +197,7 @@ struct Entry {
     // Set last when an entry is taken and first when it is freed, so a handle can be checked
     // without the pool's lock.
     std::atomic<Kind> kind{Kind::kFree};
-    int fd = -1;  // mapping and view: a description holding the shared lock
+    int fd = -1;  // a description holding the shared lock
     void* address = nullptr;
     std::size_t length = 0;
     char shm[kNameMax] = {};
@@ -177,29 +253,21 @@ Entry* find_view(const void* address) {
     return nullptr;
 }
 
-// Removes the object when `fd` holds the last lock on it and the name still refers to it.
-// Runs under the guard.
-void unlink_if_last(int fd, const char* shm) {
-    if (!ofd_lock(fd, F_WRLCK)) return;  // someone else holds it; our shared lock stays
-    struct stat mine {
-    }, named{};
-    int other = shm_open_object(shm, 0);
-    if (other >= 0) {
-        if (fstat(fd, &mine) == 0 && fstat(other, &named) == 0 && mine.st_ino == named.st_ino &&
-            mine.st_dev == named.st_dev) {
-            shm_unlink(shm);
-        }
-        close(other);
+// Lets go of the object held through `fd`: the last holder removes its name (and, the name left
+// without an object, the guard's), any other drops its shared lock. Then closes fd.
+void let_go(int fd, const char* shm) {
+    Guard guard(shm);
+    if (guard.ok() && ofd_lock(fd, F_WRLCK)) {
+        if (names(shm, fd) == 1) shm_unlink(shm);
+        guard.remove_if_alone(shm);
+    } else {
+        ofd_lock(fd, F_UNLCK);  // memory that stays mapped keeps the description alive
     }
+    close(fd);
 }
 
-// Closes a mapping or view description, removing the object when it was the last holder.
 void release_description(Entry* e) {
-    {
-        Guard guard(e->shm);
-        if (guard.ok()) unlink_if_last(e->fd, e->shm);
-        close(e->fd);
-    }
+    let_go(e->fd, e->shm);
     free_entry(e);
 }
 
@@ -265,13 +333,14 @@ int open_held(const char* shm) {
     return fd;
 }
 
-// A new object of `size` bytes named `shm`, holding a shared lock, or -1 with errno set.
+// A new object of `size` committed bytes named `shm`, holding a shared lock, or -1 with errno
+// set (ENOSPC when the system cannot back it). Runs under the guard.
 int create_held(const char* shm, std::uint64_t size) {
     int fd = shm_open_object(shm, O_CREAT | O_EXCL);
     if (fd < 0) return -1;
-    if (no_eintr([&] { return ftruncate(fd, static_cast<off_t>(size)); }) != 0 ||
-        !ofd_lock(fd, F_RDLCK)) {
-        int err = errno;
+    int err = commit(fd, size);
+    if (err == 0 && !ofd_lock(fd, F_RDLCK)) err = errno;  // GCOVR_EXCL_LINE: a new object
+    if (err != 0) {
         shm_unlink(shm);
         close(fd);
         errno = err;
@@ -285,7 +354,7 @@ int create_held(const char* shm, std::uint64_t size) {
 template <typename Obtain>
 Handle mapping_handle(const char* name, Obtain obtain) {
     char shm[kNameMax];
-    if (!shm_name(name, "", shm)) return nullptr;
+    if (!shm_name(name, shm)) return nullptr;
     Entry* e = take_entry(Kind::kMapping);
     if (e == nullptr) return nullptr;
     std::memcpy(e->shm, shm, sizeof shm);
@@ -294,10 +363,22 @@ Handle mapping_handle(const char* name, Obtain obtain) {
     if (e->fd < 0) {
         int err = errno;
         free_entry(e);
-        if (guard.ok()) fail(err == ENOENT ? static_cast<int>(kErrorFileNotFound) : err);
+        if (guard.ok()) {
+            guard.remove_if_alone(shm);
+            fail(err == ENOENT ? static_cast<int>(kErrorFileNotFound) : err);
+        }
         return nullptr;
     }
     return e;
+}
+
+std::size_t page_size() {
+    static const auto size = static_cast<std::size_t>(sysconf(_SC_PAGESIZE));
+    return size;
+}
+
+std::size_t whole_pages(std::size_t bytes) {
+    return (bytes + page_size() - 1) / page_size() * page_size();
 }
 
 }  // namespace
@@ -349,17 +430,28 @@ void* map_view(Handle mapping, std::size_t* mapped) {
         fail(err);
         return nullptr;
     }  // GCOVR_EXCL_STOP
-    auto length = static_cast<std::size_t>(st.st_size);
-    void* address = mmap(nullptr, length, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
+    // The view's pages and an inaccessible page on either side are reserved together; the view
+    // then replaces the middle of the reservation.
+    const auto length = static_cast<std::size_t>(st.st_size);
+    const std::size_t fence = page_size();
+    const std::size_t span = whole_pages(length) + 2 * fence;
+    void* reserved =
+        mmap(nullptr, span, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0);
+    void* address = MAP_FAILED;
+    if (reserved != MAP_FAILED) {
+        address = mmap(static_cast<char*>(reserved) + fence, length, PROT_READ | PROT_WRITE,
+                       MAP_SHARED | MAP_FIXED, fd, 0);
+    }
     if (address == MAP_FAILED) {
         int err = errno;
+        if (reserved != MAP_FAILED) munmap(reserved, span);
         close(fd);
         fail(err);
         return nullptr;
     }
     Entry* v = take_entry(Kind::kView);
     if (v == nullptr) {
-        munmap(address, length);
+        munmap(reserved, span);
         close(fd);
         return nullptr;
     }
@@ -375,35 +467,30 @@ void* map_view(Handle mapping, std::size_t* mapped) {
 bool unmap_view(void* view) {
     Entry* v = find_view(view);
     if (v == nullptr) return fail(EINVAL);
-    munmap(v->address, v->length);
+    const std::size_t fence = page_size();
+    munmap(static_cast<char*>(v->address) - fence, whole_pages(v->length) + 2 * fence);
     release_description(v);
     return true;
 }
 
 Handle create_named_mutex(const char* name) {
     char shm[kNameMax];
-    if (!shm_name(name, "", shm)) return nullptr;
-    int fd = shm_open_object(shm, O_CREAT);
-    if (fd < 0) {
-        fail(errno);
-        return nullptr;
-    }
+    if (!shm_name(name, shm)) return nullptr;
+    Entry* e = take_entry(Kind::kMutex);
+    if (e == nullptr) return nullptr;
+    Guard guard(shm);
+    int fd = guard.ok() ? shm_open_object(shm, O_CREAT) : -1;
+    int err = fd < 0 ? errno : commit(fd, sizeof(SharedMutex));
+    if (err == 0 && !ofd_lock(fd, F_RDLCK)) err = errno;  // GCOVR_EXCL_LINE: see open_held
     void* address = MAP_FAILED;
-    bool ok = no_eintr([&] { return flock(fd, LOCK_EX); }) == 0;
-    if (ok) {
-        struct stat st {};
-        ok = fstat(fd, &st) == 0 &&
-             (static_cast<std::size_t>(st.st_size) >= sizeof(SharedMutex) ||
-              no_eintr([&] { return ftruncate(fd, sizeof(SharedMutex)); }) == 0);
-    }
-    if (ok) {
+    if (err == 0) {
         address = mmap(nullptr, sizeof(SharedMutex), PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
-        ok = address != MAP_FAILED;
+        if (address == MAP_FAILED) err = errno;
     }
-    if (ok) {
+    if (err == 0) {
         auto* shared = static_cast<SharedMutex*>(address);
         if (shared->magic.load(std::memory_order_acquire) != kMutexMagic) {
-            // First use, or a process died while setting it up: (re)initialise under the flock.
+            // First use, or a process died while setting it up: (re)initialise under the guard.
             pthread_mutexattr_t attr;
             pthread_mutexattr_init(&attr);
             pthread_mutexattr_setpshared(&attr, PTHREAD_PROCESS_SHARED);
@@ -414,27 +501,26 @@ Handle create_named_mutex(const char* name) {
             if (r == 0) {
                 shared->magic.store(kMutexMagic, std::memory_order_release);
             } else {  // GCOVR_EXCL_START: glibc initialises such a mutex in place, without fail
-                errno = r;
-                ok = false;
+                err = r;
             }  // GCOVR_EXCL_STOP
         }
     }
-    int err = errno;
-    // The mapping keeps the open file description alive, so the flock must be dropped by hand.
-    flock(fd, LOCK_UN);
-    close(fd);
-    if (!ok) {
+    if (err != 0) {
         if (address != MAP_FAILED) munmap(address, sizeof(SharedMutex));
+        if (fd >= 0) {
+            // An object that this call made and could not back goes again.
+            if (ofd_lock(fd, F_WRLCK) && names(shm, fd) == 1) shm_unlink(shm);
+            close(fd);
+        }
+        if (guard.ok()) guard.remove_if_alone(shm);
+        free_entry(e);
         fail(err);
         return nullptr;
     }
-    Entry* e = take_entry(Kind::kMutex);
-    if (e == nullptr) {
-        munmap(address, sizeof(SharedMutex));
-        return nullptr;
-    }
+    e->fd = fd;
     e->address = address;
     e->length = sizeof(SharedMutex);
+    std::memcpy(e->shm, shm, sizeof shm);
     t_last_error = 0;
     return e;
 }
@@ -502,10 +588,25 @@ bool close_handle(Handle handle) {
     if (Entry* e = find_entry(handle, Kind::kMutex)) {
         // The memory stays mapped: a thread of this process may still own the mutex, and when
         // it ends the kernel marks the mutex abandoned through that very mapping (one page).
-        free_entry(e);
+        release_description(e);
         return true;
     }
     return fail(EBADF);
+}
+
+bool remove_if_unused(const char* name) {
+    char shm[kNameMax];
+    if (!shm_name(name, shm)) return false;
+    Guard guard(shm);
+    if (!guard.ok()) return false;
+    bool removed = false;
+    int fd = shm_open_object(shm, 0);
+    if (fd >= 0) {
+        removed = ofd_lock(fd, F_WRLCK) && shm_unlink(shm) == 0;
+        close(fd);
+    }
+    guard.remove_if_alone(shm);
+    return removed;
 }
 
 void LocalLock::init() {

@@ -16,9 +16,12 @@ static_assert(kErrorAlreadyExists == ERROR_ALREADY_EXISTS);
 static_assert(kWaitObject0 == WAIT_OBJECT_0 && kWaitAbandoned == WAIT_ABANDONED &&
               kWaitTimeout == WAIT_TIMEOUT && kWaitFailed == WAIT_FAILED && kInfinite == INFINITE);
 
-// Object names are plain: non-empty and without '/', as on every system the library runs on.
+// Object names are plain: non-empty, without '/' and no longer than kObjectNameMax, as on every
+// system the library runs on.
 bool usable_name(const char* name) {
-    if (name != nullptr && *name != '\0' && std::strchr(name, '/') == nullptr) return true;
+    if (name != nullptr && *name != '\0' && std::strchr(name, '/') == nullptr &&
+        std::strlen(name) <= kObjectNameMax)
+        return true;
     SetLastError(ERROR_INVALID_NAME);
     return false;
 }
@@ -103,6 +106,15 @@ bool release_mutex(Handle mutex) {
 bool close_handle(Handle handle) {
     return CloseHandle(handle) != 0;
 }
+
+// The kernel ends a named object with its last handle: there is never one left to remove or list.
+bool remove_if_unused(const char*) {
+    return false;
+}
+std::size_t namespace_objects(const char*, void (*)(const char*, void*), void*) {
+    return 0;
+}
+void sweep_namespace(const char*) {}
 
 void LocalLock::init() {
     static_assert(sizeof(storage_) >= sizeof(CRITICAL_SECTION));
