@@ -23,8 +23,8 @@ int with_description(const Call& call, const char* grpname, const char* type, co
     char* field = nullptr;
     bool monitor = grpname == nullptr;
     if (monitor) {
-        const Monitors monitors = Monitors::of();
-        const int i = find_monitor(monitors, base, type, name);
+        const Monitors monitors = Monitors::of(base);
+        const int i = find_monitor(monitors, type, name);
         if (i >= 0) field = monitors.at(i)->descript;
     } else {
         const Resource found =

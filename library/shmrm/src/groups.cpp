@@ -27,7 +27,7 @@ SHMRM_INLINE int with_group(const char* tag, const char* grpname, bool args_ok, 
     if (base == nullptr) return call.fail(SHMRM_ERR_NOTINIT, "not init");
     if (grpname == nullptr || !args_ok) return call.fail(SHMRM_ERR_PARAM, "invalid param");
     const Groups groups = Groups::of(base);
-    const int i = find_group(groups, groups.used(base), Key(grpname));
+    const int i = find_group(groups, Key(grpname));
     if (i < 0) {
         SHMRM_TRACE(SHMRM_LOG_ERROR, tag, "name:%s not found", grpname);
         return call.exit(SHMRM_ERR_NOTFOUND);
@@ -60,7 +60,7 @@ SHMRM_EXPORT int shmrm_addgrp(const char* grpname) {
     SHMRM_TRACE(SHMRM_LOG_PARAM, call.tag(), "[in]grpname:%s", grpname);
     rmhead* h = head(base);
     const Groups groups = Groups::of(base);
-    const int count = load(h->grpcnt);
+    const int count = groups.count;
     if (count >= load(h->grpmax) || count < 0 || count >= groups.positions) {
         SHMRM_TRACE(SHMRM_LOG_ERROR, call.tag(), "group count is over(%d)", count);
         return call.exit(SHMRM_ERR_GRPOVER);
@@ -77,14 +77,13 @@ SHMRM_EXPORT int shmrm_rmgrp(const char* grpname) {
     if (grpname == nullptr) return call.fail(SHMRM_ERR_PARAM, "invalid param");
     SHMRM_TRACE(SHMRM_LOG_PARAM, call.tag(), "[in]grpname:%s", grpname);
     const Groups groups = Groups::of(base);
-    const int used = groups.used(base);
-    const int i = find_group(groups, used, Key(grpname));
+    const int i = find_group(groups, Key(grpname));
     if (i < 0) {
         SHMRM_TRACE(SHMRM_LOG_ERROR, call.tag(), "name:%s not found", grpname);
         return call.exit(SHMRM_ERR_NOTFOUND);
     }
-    remove_record(groups.first, groups.stride, i, used);
-    store(head(base)->grpcnt, used - 1);
+    remove_record(groups.first, groups.stride, i, groups.used);
+    store(head(base)->grpcnt, groups.used - 1);
     return call.exit(SHMRM_OK);
 }
 
@@ -94,10 +93,10 @@ SHMRM_EXPORT int shmrm_enumgrp(char* buf, int* psize) {
     if (base == nullptr) return call.fail(SHMRM_ERR_NOTINIT, "not init");
     if (psize == nullptr) return call.fail(SHMRM_ERR_PARAM, "invalid param");
     const Groups groups = Groups::of(base);
-    const int used = groups.used(base);
     int i = 0;
-    return call.exit(write_name_list(
-        buf, psize, [&]() -> const char* { return i < used ? groups.at(i++)->name : nullptr; }));
+    return call.exit(write_name_list(buf, psize, [&]() -> const char* {
+        return i < groups.used ? groups.at(i++)->name : nullptr;
+    }));
 }
 
 SHMRM_EXPORT int shmrm_getgrpstat(const char* grpname, int* pvalue) {

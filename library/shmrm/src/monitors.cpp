@@ -40,8 +40,8 @@ SHMRM_INLINE int with_monitor(const char* tag, const char* type, const char* nam
     unsigned char* base = region();
     if (base == nullptr) return call.fail(SHMRM_ERR_NOTINIT, "not init");
     if (name == nullptr || !args_ok) return call.fail(SHMRM_ERR_PARAM, "invalid param");
-    const Monitors monitors = Monitors::of();
-    const int i = find_monitor(monitors, base, type, name);
+    const Monitors monitors = Monitors::of(base);
+    const int i = find_monitor(monitors, type, name);
     if (i < 0) {
         SHMRM_TRACE(SHMRM_LOG_ERROR, tag, "type:%s,name:%s not found", Key::shown(type), name);
         return call.exit(SHMRM_ERR_NOTFOUND);
@@ -73,8 +73,8 @@ SHMRM_INLINE int with_progress(const char* tag, const char* type, const char* na
     if (g._prmmon.load(std::memory_order_relaxed) == nullptr)
         return call.fail(SHMRM_ERR_NOTINIT, "_prmmon is not init");
     if (name == nullptr || !args_ok) return call.fail(SHMRM_ERR_PARAM, "invalid param");
-    const Monitors monitors = Monitors::of();
-    const int i = find_monitor(monitors, base, type, name);
+    const Monitors monitors = Monitors::of(base);
+    const int i = find_monitor(monitors, type, name);
     if (i < 0) {
         SHMRM_TRACE(SHMRM_LOG_ERROR, tag, "name:%s not found", name);
         return call.exit(SHMRM_ERR_NOTFOUND);
@@ -94,8 +94,8 @@ SHMRM_EXPORT int shmrm_addmon(const char* type, const char* name) {
     if (base == nullptr) return call.fail(SHMRM_ERR_NOTINIT, "not init");
     if (type == nullptr || name == nullptr) return call.fail(SHMRM_ERR_PARAM, "invalid param");
     rmhead* h = head(base);
-    const Monitors monitors = Monitors::of();
-    const int count = load(h->moncnt);
+    const Monitors monitors = Monitors::of(base);
+    const int count = monitors.count;
     if (count >= load(h->monmax) || count < 0 || count >= monitors.positions) {
         SHMRM_TRACE(SHMRM_LOG_ERROR, call.tag(), "monitor count is over(%d)", count);
         return call.exit(SHMRM_ERR_MONOVER);
@@ -114,16 +114,16 @@ SHMRM_EXPORT int shmrm_rmmon(const char* type, const char* name) {
     if (base == nullptr) return call.fail(SHMRM_ERR_NOTINIT, "not init");
     if (name == nullptr) return call.fail(SHMRM_ERR_PARAM, "invalid param");
     SHMRM_TRACE(SHMRM_LOG_PARAM, call.tag(), "[in]type:%s, name:%s", shown(type), name);
-    const Monitors monitors = Monitors::of();
-    const int used = monitors.used(base);
-    const int i = find_monitor(monitors, base, type, name);
+    const Monitors monitors = Monitors::of(base);
+    const int i = find_monitor(monitors, type, name);
     if (i < 0) {
         SHMRM_TRACE(SHMRM_LOG_ERROR, call.tag(), "type:%s,name:%s not found", Key::shown(type),
                     name);
         return call.exit(SHMRM_ERR_NOTFOUND);
     }
-    remove_record(reinterpret_cast<unsigned char*>(monitors.first), SHMRM_MON_SIZE, i, used);
-    store(head(base)->moncnt, used - 1);
+    remove_record(reinterpret_cast<unsigned char*>(monitors.first), SHMRM_MON_SIZE, i,
+                  monitors.used);
+    store(head(base)->moncnt, monitors.used - 1);
     return call.exit(SHMRM_OK);
 }
 
@@ -132,11 +132,10 @@ SHMRM_EXPORT int shmrm_enummon(char* buf, int* psize) {
     unsigned char* base = region();
     if (base == nullptr) return call.fail(SHMRM_ERR_NOTINIT, "not init");
     if (psize == nullptr) return call.fail(SHMRM_ERR_PARAM, "invalid param");
-    const Monitors monitors = Monitors::of();
+    const Monitors monitors = Monitors::of(base);
     int i = 0;
-    // The count is read again before every record.
     return call.exit(write_name_list(buf, psize, [&]() -> const char* {
-        return i < monitors.used(base) ? monitors.at(i++)->name : nullptr;
+        return i < monitors.used ? monitors.at(i++)->name : nullptr;
     }));
 }
 
@@ -218,8 +217,8 @@ SHMRM_EXPORT int shmrm_getmoninfo(char* buf, const char* name) {
     unsigned char* base = region();
     if (base == nullptr) return call.fail(SHMRM_ERR_NOTINIT, "not init");
     if (name == nullptr || *name == '\0') return call.fail(SHMRM_ERR_PARAM, "invalid param");
-    const Monitors monitors = Monitors::of();
-    const int i = find_monitor(monitors, base, nullptr, name);
+    const Monitors monitors = Monitors::of(base);
+    const int i = find_monitor(monitors, nullptr, name);
     if (i < 0) {
         SHMRM_TRACE(SHMRM_LOG_ERROR, call.tag(), "name:%s not found", name);
         return call.exit(SHMRM_ERR_NOTFOUND);

@@ -1,4 +1,6 @@
 // The region lifecycle: create, attach, detach, delete, clear, and the capacity loader.
+#include <algorithm>
+#include <climits>
 #include <cstdint>
 #include <cstring>
 
@@ -136,17 +138,39 @@ int map_region(const Call& call, void** handle, const Capacities& caps, bool att
         log_close();
         return SHMRM_ERR_MAPVIEW;
     }
-    g.layout = Layout{mapped, caps.grpmax, caps.rscmax, caps.monmax};
+    const std::size_t stride = SHMRM_GRP_HEAD_SIZE + std::size_t(caps.rscmax) * SHMRM_RSC_SIZE;
+    const std::size_t monitors = SHMRM_HEAD_SIZE + std::size_t(caps.grpmax) * stride;
+    auto whole = [](std::size_t room, std::size_t record) {
+        return static_cast<int>(std::min<std::size_t>(room / record, INT_MAX));
+    };
+    g.layout = Layout{mapped,
+                      caps.grpmax,
+                      caps.rscmax,
+                      caps.monmax,
+                      whole(mapped - SHMRM_HEAD_SIZE, stride),
+                      whole(mapped - monitors, SHMRM_MON_SIZE)};
     g._prmgrp.store(view + SHMRM_HEAD_SIZE, std::memory_order_relaxed);
-    g._prmmon.store(
-        view + SHMRM_HEAD_SIZE + caps.grpmax * (SHMRM_GRP_HEAD_SIZE + caps.rscmax * SHMRM_RSC_SIZE),
-        std::memory_order_relaxed);
+    g._prmmon.store(view + monitors, std::memory_order_relaxed);
     g._prmhead.store(view, std::memory_order_release);
     return SHMRM_OK;
 }
 
-void write_capacities(unsigned char* base, const Capacities& caps) {
+// Writes this process's capacities into the header. An existing region whose header names other
+// ones (0 after a clear is no capacity at all) is losing records to one of the two
+// configurations: that is said in the log.
+void write_capacities(const Call& call, unsigned char* base, const Capacities& caps) {
     rmhead* h = head(base);
+    const Capacities found{load(h->grpmax), load(h->rscmax), load(h->monmax)};
+    const bool cleared = found.grpmax == 0 && found.rscmax == 0 && found.monmax == 0;
+    if (!cleared && (found.grpmax != caps.grpmax || found.rscmax != caps.rscmax ||
+                     found.monmax != caps.monmax)) {
+        SHMRM_TRACE(SHMRM_LOG_WARNING, call.tag(),
+                    "region capacities(group:%d, resource:%d, monitor:%d) differ from the "
+                    "configured ones(group:%d, resource:%d, monitor:%d); the configured ones are "
+                    "written",
+                    found.grpmax, found.rscmax, found.monmax, caps.grpmax, caps.rscmax,
+                    caps.monmax);
+    }
     store(h->grpmax, caps.grpmax);
     store(h->rscmax, caps.rscmax);
     store(h->monmax, caps.monmax);
@@ -210,7 +234,7 @@ SHMRM_EXPORT int shmrm_create(void) {
         SHMRM_TRACE(SHMRM_LOG_INFO, call.tag(), "VexutilCreateNamedFileMapping(new)");
     }
     if (int r = map_region(call, &g.create_handle, caps, false); r != SHMRM_OK) return r;
-    write_capacities(region(), caps);
+    write_capacities(call, region(), caps);
     SHMRM_TRACE(SHMRM_LOG_INFO, call.tag(), "SIZE:%d", size);
     return call.exit(SHMRM_OK);
 }
@@ -238,7 +262,7 @@ SHMRM_EXPORT int shmrm_attach(void) {
         return SHMRM_ERR_OPENMAP;
     }
     if (int r = map_region(call, &g.attach_handle, caps, true); r != SHMRM_OK) return r;
-    write_capacities(region(), caps);
+    write_capacities(call, region(), caps);
     ++g.attach_count;
     SHMRM_TRACE(SHMRM_LOG_INFO, call.tag(), "SIZE:%d",
                 g.region_size.load(std::memory_order_relaxed));

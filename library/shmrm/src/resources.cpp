@@ -63,7 +63,7 @@ SHMRM_EXPORT int shmrm_addrsc(const char* grpname, const char* type, const char*
     SHMRM_TRACE(SHMRM_LOG_PARAM, call.tag(), "[in]grpname:%s, type:%s, name:%s", grpname, type,
                 name);
     const Groups groups = Groups::of(base);
-    const int i = find_group(groups, groups.used(base), Key(grpname));
+    const int i = find_group(groups, Key(grpname));
     if (i < 0) {
         SHMRM_TRACE(SHMRM_LOG_ERROR, call.tag(), "grpname:%s not found", grpname);
         return call.exit(SHMRM_ERR_NOTFOUND);
@@ -96,10 +96,10 @@ SHMRM_EXPORT int shmrm_rmrsc(const char* grpname, const char* type, const char* 
                     Key::shown(grpname), Key::shown(type), name);
         return call.exit(SHMRM_ERR_NOTFOUND);
     }
-    const int used = Groups::of(base).slots_used(found.group);
+    // The slots in use as the search read them: a count read again could disagree.
     remove_record(reinterpret_cast<unsigned char*>(Groups::slot(found.group, 0)), SHMRM_RSC_SIZE,
-                  found.slot, used);
-    store(found.group->rsccnt, used - 1);
+                  found.slot, found.slots);
+    store(found.group->rsccnt, found.slots - 1);
     return call.exit(SHMRM_OK);
 }
 
@@ -111,18 +111,21 @@ SHMRM_EXPORT int shmrm_enumrsc(const char* grpname, char* buf, int* psize) {
     // Every group, or only the first group of the given name.
     const Groups groups = Groups::of(base);
     int first = 0;
-    int end = groups.used(base);
+    int end = groups.used;
     if (grpname != nullptr) {
-        first = find_group(groups, end, Key(grpname));
+        first = find_group(groups, Key(grpname));
         end = first < 0 ? 0 : first + 1;
         if (first < 0) first = 0;
     }
+    // Each group's count is read once, when the listing reaches the group.
     int i = first;
     int j = 0;
+    int slots = -1;
     auto next = [&]() -> const char* {
-        for (; i < end; ++i, j = 0) {
+        for (; i < end; ++i, j = 0, slots = -1) {
             rmgrp* grp = groups.at(i);
-            if (j < groups.slots_used(grp)) return Groups::slot(grp, j++)->name;
+            if (slots < 0) slots = groups.slots_used(grp);
+            if (j < slots) return Groups::slot(grp, j++)->name;
         }
         return nullptr;
     };

@@ -37,10 +37,12 @@ inline constexpr const char* kLogName = "shmrm";
 // What this process mapped. Written before _prmhead is published and read after it is seen,
 // so an export that finds _prmhead set also sees a complete layout.
 struct Layout {
-    std::size_t mapped = 0;  // bytes of the view
+    std::size_t mapped = 0;  // bytes of the view: the room every access stays inside
     int grpmax = 0;          // capacities the region was sized with in this process
     int rscmax = 0;
     int monmax = 0;
+    int group_positions = 0;    // whole group records of the sized stride after the header
+    int monitor_positions = 0;  // whole monitor records from _prmmon to the end of the room
 };
 
 inline constexpr int kNoTrace = -1;
@@ -62,6 +64,7 @@ struct State {
     void* attach_handle = nullptr;  // the attacher's mapping handle
     void* lock_handle = nullptr;    // the region lock, held from load to unload
     bool loaded = false;            // false when the region lock could not be obtained
+    bool started = false;           // the process-local locks exist (between load and unload)
 
     vex::os::LocalLock init_lock;
     vex::os::LocalLock log_lock;

@@ -80,26 +80,47 @@ inline const char* shown(const char* s) {
     return s ? s : "(null)";
 }
 
+// How every call reads the tables
+// --------------------------------
+// The region is written by other processes at any moment, with or without the region lock, and a
+// damaged peer may write anything at all. So a call reads each count and capacity it uses from
+// the region once, into a local, and clamps it once: a count into [0, what the room holds], a
+// capacity to 0 or more. Every scan, move, fill and copy is then bounded by those locals and by
+// the room this process actually mapped, never by a second read of the same word: a second read
+// may disagree with the first, and a removal that trusted both once moved memory with a negative
+// length. The views below are where each count is read; a call keeps the view it made.
+//
+// The room is this process's own: the bytes it mapped, fixed while the region stays mapped. The
+// group table may fill all of it after the header (a region made by a process with larger
+// capacities lies wholly inside the view), the monitor table runs from this process's monitor
+// position to its end. What the records then mean is the header's business; that no access
+// leaves the room is this rule's.
+
 // A count read from the region, within [0, limit].
 inline int clamp_count(int n, int limit) {
     return n < 0 ? 0 : (n > limit ? limit : n);
 }
 
-// The group table. Positions are bounded by the room this process sized the table with, the
-// stride follows the header's rscmax, and counts are clamped into both.
+// The group table as one call sees it: the header's rscmax and grpcnt, each read once; positions
+// are the whole records of the resulting stride that fit the room.
 struct Groups {
     unsigned char* first = nullptr;
     std::size_t stride = 0;
     int positions = 0;  // whole records that fit the room
     int rscmax = 0;     // header's rscmax, at least 0
+    int count = 0;      // header's grpcnt as read
+    int used = 0;       // count within [0, positions]
 
     static Groups of(unsigned char* base) {
         Groups t;
+        const rmhead* h = head(base);
         t.first = base + SHMRM_HEAD_SIZE;
-        const int r = load(head(base)->rscmax);
+        const int r = load(h->rscmax);
         t.rscmax = r < 0 ? 0 : r;
         t.stride = SHMRM_GRP_HEAD_SIZE + std::size_t(t.rscmax) * SHMRM_RSC_SIZE;
-        t.positions = t.rscmax == g.layout.rscmax ? g.layout.grpmax : positions_for(t.stride);
+        t.positions = r == g.layout.rscmax ? g.layout.group_positions : positions_for(t.stride);
+        t.count = load(h->grpcnt);
+        t.used = clamp_count(t.count, t.positions);
         return t;
     }
     rmgrp* at(int i) const { return reinterpret_cast<rmgrp*>(first + std::size_t(i) * stride); }
@@ -107,37 +128,40 @@ struct Groups {
         return reinterpret_cast<rmrsc*>(reinterpret_cast<unsigned char*>(grp) +
                                         SHMRM_GRP_HEAD_SIZE + std::size_t(j) * SHMRM_RSC_SIZE);
     }
-    // Groups in use (header grpcnt within the room).
-    int used(unsigned char* base) const { return clamp_count(load(head(base)->grpcnt), positions); }
-    // Slots in use in a group (its rsccnt within the header's rscmax).
+    // Slots in use in a group: its rsccnt, read once per visit, within the header's rscmax.
     int slots_used(rmgrp* grp) const { return clamp_count(load(grp->rsccnt), rscmax); }
 
-  private:
-    // Whole records of `stride` bytes that fit the room this process sized the table with,
-    // when the header no longer describes that table.
+    // Whole records of `stride` bytes in the room after the header.
     static int positions_for(std::size_t stride);
 };
 
-// The monitor table, bounded by the room this process sized it with.
+// The monitor table as one call sees it: moncnt read once; positions are the whole records
+// between this process's monitor table and the end of the room.
 struct Monitors {
     rmmon* first = nullptr;
     int positions = 0;
+    int count = 0;  // header's moncnt as read
+    int used = 0;   // count within [0, positions]
 
-    static Monitors of() {
-        return {reinterpret_cast<rmmon*>(g._prmmon.load(std::memory_order_relaxed)),
-                g.layout.monmax};
+    static Monitors of(unsigned char* base) {
+        Monitors t;
+        t.first = reinterpret_cast<rmmon*>(g._prmmon.load(std::memory_order_relaxed));
+        t.positions = g.layout.monitor_positions;
+        t.count = load(head(base)->moncnt);
+        t.used = clamp_count(t.count, t.positions);
+        return t;
     }
     rmmon* at(int i) const { return first + i; }
-    int used(unsigned char* base) const { return clamp_count(load(head(base)->moncnt), positions); }
 };
 
 // The position of the first group, in table order, whose name equals the key; -1 when none.
-int find_group(const Groups& groups, int used, const Key& name);
+int find_group(const Groups& groups, const Key& name);
 
 struct Resource {
     rmgrp* group = nullptr;
     rmrsc* rsc = nullptr;
     int slot = -1;
+    int slots = 0;  // the group's slots in use, as the search read them
     explicit operator bool() const { return rsc != nullptr; }
 };
 
@@ -159,15 +183,14 @@ Resource find_resource(unsigned char* base, const char* group_key, const char* t
     const Key group(group_key), type(type_key);
     if (!visit_all && (group.impossible() || type.impossible())) return {};
     const Groups groups = Groups::of(base);
-    const int used = groups.used(base);
-    for (int i = 0; i < used; ++i) {
+    for (int i = 0; i < groups.used; ++i) {
         rmgrp* grp = groups.at(i);
         if (!group.matches(grp->name)) continue;
         const int slots = groups.slots_used(grp);
         for (int j = 0; j < slots; ++j) {
             rmrsc* rsc = Groups::slot(grp, j);
             visit(j, *rsc);
-            if (name.matches(rsc->name) && type.matches(rsc->type)) return {grp, rsc, j};
+            if (name.matches(rsc->name) && type.matches(rsc->type)) return {grp, rsc, j, slots};
         }
     }
     return {};
@@ -175,7 +198,7 @@ Resource find_resource(unsigned char* base, const char* group_key, const char* t
 
 // The position of the first monitor in table order whose type and name match; -1 when none.
 // A name that no record can carry is answered before the type is measured.
-int find_monitor(const Monitors& monitors, unsigned char* base, const char* type, const char* name);
+int find_monitor(const Monitors& monitors, const char* type, const char* name);
 
 // Copies text into n bytes: at most n bytes of it, the rest of the n bytes NUL.
 inline void bounded_copy(char* dst, const char* text, std::size_t n) {
@@ -197,8 +220,10 @@ inline void copy_out(char* buf, const char* field, std::size_t width) {
 }
 
 // Removes record i of `count` records of `size` bytes: later records move down one position
-// whole, and the position vacated at the end is zero-filled.
+// whole, and the position vacated at the end is zero-filled. `count` is the caller's local, and a
+// position outside it moves nothing.
 inline void remove_record(unsigned char* first, std::size_t size, int i, int count) {
+    if (i < 0 || i >= count) return;
     unsigned char* at = first + std::size_t(i) * size;
     std::memmove(at, at + size, std::size_t(count - 1 - i) * size);
     std::memset(first + std::size_t(count - 1) * size, 0, size);
