@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 #include <signal.h>
 
+#include <cstdlib>
 #include <memory>
 #include <string>
 #include <vector>
@@ -138,26 +139,48 @@ TEST_F(Processes, LockOfAnEndedOwnerPassesToTheNextCaller) {
     EXPECT_EQ(shmrm_rwunlock(), SHMRM_OK);
 }
 
+// Every name made from a namespace must fit, or none is used: the longest, the region lock's
+// guard on POSIX systems, needs a namespace of at most 231 characters.
+std::string long_namespace(std::size_t length) {
+    std::string ns = std::getenv("VEX_IPC_NAMESPACE");
+    return ns + "." + std::string(length - ns.size() - 1, 'n');
+}
+
 #if defined(_WIN32)
 // A namespace the system cannot use for its object names makes the DLL refuse to load: the
 // program that links it never runs.
 TEST_F(Processes, UnusableNamespaceRefusesTheLoad) {
-    Child child({"VEX_IPC_NAMESPACE=not/usable"});
-    EXPECT_EQ(child.ask("create"), "eof");
-    EXPECT_NE(child.wait_exit(), 0);
+    for (const std::string& ns : {std::string("not/usable"), long_namespace(232)}) {
+        SCOPED_TRACE(ns);
+        Child child({"VEX_IPC_NAMESPACE=" + ns});
+        EXPECT_EQ(child.ask("create"), "eof");
+        EXPECT_NE(child.wait_exit(), 0);
+    }
 }
 #else
 // A namespace the system cannot use for its object names leaves the library loaded but unable
-// to do anything: every call fails, the lock calls with SHMRM_ERR_LOCK.
+// to do anything, at once: every call fails, the lock calls with SHMRM_ERR_LOCK.
 TEST_F(Processes, UnusableNamespaceMakesEveryCallFail) {
-    Child child({"VEX_IPC_NAMESPACE=not/usable"});
-    EXPECT_EQ(child.rc("create"), SHMRM_ERR_NOTINIT);
-    EXPECT_EQ(child.rc("attach"), SHMRM_ERR_NOTINIT);
-    EXPECT_EQ(child.rc("getacstat"), SHMRM_ERR_NOTINIT);
-    EXPECT_EQ(child.rc("rwlock 0"), SHMRM_ERR_LOCK);
-    EXPECT_EQ(child.rc("rwunlock"), SHMRM_ERR_LOCK);
+    for (const std::string& ns : {std::string("not/usable"), long_namespace(232),
+                                  long_namespace(236), long_namespace(400)}) {
+        SCOPED_TRACE(ns);
+        Child child({"VEX_IPC_NAMESPACE=" + ns});
+        EXPECT_EQ(child.rc("create"), SHMRM_ERR_NOTINIT);
+        EXPECT_EQ(child.rc("attach"), SHMRM_ERR_NOTINIT);
+        EXPECT_EQ(child.rc("getacstat"), SHMRM_ERR_NOTINIT);
+        EXPECT_EQ(child.rc("rwlock 0"), SHMRM_ERR_LOCK);
+        EXPECT_EQ(child.rc("rwunlock"), SHMRM_ERR_LOCK);
+    }
 }
 #endif
+
+TEST_F(Processes, TheLongestUsableNamespaceWorks) {
+    Child child({"VEX_IPC_NAMESPACE=" + long_namespace(231)});
+    EXPECT_EQ(child.rc("create"), SHMRM_OK);
+    EXPECT_EQ(child.rc("rwlock 0"), SHMRM_OK);
+    EXPECT_EQ(child.rc("rwunlock"), SHMRM_OK);
+    EXPECT_EQ(child.rc("delete"), SHMRM_OK);
+}
 
 // Processes that create and release at the same moment: one region, made once per round.
 TEST_F(Processes, SimultaneousCreatorsMakeOneRegion) {

@@ -1,8 +1,12 @@
 // A process of the node for tests: it loads the library like any caller and runs one command
 // per line of standard input, answering each with one line: the result code, then any values.
 // End of input ends the process.
+#include <fcntl.h>
+
+#include <chrono>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <iostream>
 #include <sstream>
 #include <string>
@@ -15,6 +19,8 @@
 #include <io.h>
 #include <process.h>
 #define getpid _getpid
+#define open _open
+#define close _close
 #else
 #include <unistd.h>
 #endif
@@ -59,6 +65,35 @@ std::string run(const std::string& line) {
         int rc = -1;
         std::thread([&rc] { rc = shmrm_rwlock(SHMRM_INFINITE); }).join();
         return std::to_string(rc);
+    }
+    if (cmd == "addgrp") {
+        std::string name;
+        in >> name;
+        return std::to_string(shmrm_addgrp(name.c_str()));
+    }
+    if (cmd == "enumgrp") {  // the result, then the names separated by commas
+        char buf[4096];
+        int size = sizeof buf;
+        int rc = shmrm_enumgrp(buf, &size);
+        out << rc << ' ';
+        for (const char* name = buf; rc == SHMRM_OK && *name != '\0'; name += strlen(name) + 1)
+            out << (name == buf ? "" : ",") << name;
+        return out.str();
+    }
+    if (cmd == "critical") {
+        // Under the region lock, no other process may be inside at the same time: the marker
+        // file exists only while one is.
+        std::string marker;
+        in >> marker;
+        if (shmrm_rwlock(10000) != SHMRM_OK) return "lock";
+        const int fd = open(marker.c_str(), O_CREAT | O_EXCL | O_WRONLY, 0600);
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+        if (fd >= 0) {
+            close(fd);
+            std::remove(marker.c_str());
+        }
+        shmrm_rwunlock();
+        return fd >= 0 ? "0" : "overlap";
     }
     if (cmd == "setmaxvalue") {
         int a = 0, b = 0, c = 0;
