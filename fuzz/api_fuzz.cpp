@@ -14,6 +14,7 @@
 #include <fstream>
 #include <span>
 
+#include "os.h"
 #include "shmrm_internal.h"
 #include "snapshot.h"
 #include "support/model.h"
@@ -35,12 +36,12 @@ void run(Choices& choices, int steps) {
     }
 }
 
-// The named objects of the namespace (the region lock and its guards) go with the process.
-void remove_objects() {
-    std::error_code ec;
-    for (const auto& entry : std::filesystem::directory_iterator("/dev/shm", ec))
-        if (entry.path().filename().string().rfind(g_namespace + ".", 0) == 0)
-            std::filesystem::remove(entry.path(), ec);
+// The region and the lock of the namespace go with the process; what a crashed run of it left
+// goes too.
+void release_objects() {
+    if (shmrm::region() != nullptr) shmrm_delete();
+    shmrm::unload();
+    vex::os::sweep_namespace(g_namespace.c_str());
 }
 
 }  // namespace
@@ -50,12 +51,14 @@ extern "C" int LLVMFuzzerInitialize(int* /*argc*/, char*** argv) {
     g_namespace = "vexfuzz" + process_id_text();
     const char* ns = std::getenv("VEX_IPC_NAMESPACE");
     if (ns == nullptr || g_namespace != ns) {
+        shmrm::unload();  // it was loaded under no namespace
         set_env("VEX_IPC_NAMESPACE", g_namespace);
         execv("/proc/self/exe", *argv);
         std::perror("execv");
         std::exit(1);
     }
-    std::atexit(remove_objects);
+    vex::os::sweep_namespace(g_namespace.c_str());
+    std::atexit(release_objects);
     static Sandbox sandbox;  // removed at exit
     sandbox.configure(Capacities{kGroups, kSlots, kMonitors});
     static FakeImports fake;
