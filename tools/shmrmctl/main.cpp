@@ -67,7 +67,7 @@ int dump_command(const std::string& path, unsigned int timeout_ms) {
 int decode_command(const std::string& path, bool json) {
     auto dump = load_dump(path);
     if (!dump) return 1;
-    Snapshot s = decode(dump->bytes, dump->caps);
+    Snapshot s = decode(dump->bytes, dump->caps, sys::view_page());
     s.damage.insert(s.damage.begin(), dump->damage.begin(), dump->damage.end());
     print_snapshot(s, json);
     for (const auto& d : s.damage)
@@ -81,12 +81,12 @@ int check_command(const std::string& path, unsigned int timeout_ms) {
         Bytes bytes;
         Failure failure;
         if (!take_region_bytes(timeout_ms, bytes, failure)) return fail(failure.message());
-        violations = check(bytes);
+        violations = check(bytes, std::nullopt, sys::view_page());
     } else {
         auto dump = load_dump(path);
         if (!dump) return 1;
         violations = dump->damage;
-        for (auto& v : check(dump->bytes, dump->caps))
+        for (auto& v : check(dump->bytes, dump->caps, sys::view_page()))
             violations.push_back(std::move(v));
     }
     for (const auto& v : violations)

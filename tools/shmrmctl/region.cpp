@@ -2,9 +2,33 @@
 
 #include <fmt/format.h>
 
+#include <memory>
+
+#include "os.h"
 #include "vexshmrm.h"
+#include "vexutil.h"
 
 namespace shmrmctl {
+
+namespace {
+
+constexpr const char* kMappingName = "oru_vexshmrm_map";
+constexpr unsigned kAllAccess = 0xF001F;
+constexpr const char* kOpening = "opening the region";
+constexpr const char* kMapping = "mapping the region";
+
+struct CloseHandle {
+    void operator()(void* handle) const { vex::os::close_handle(handle); }
+};
+struct UnmapView {
+    void operator()(void* view) const { vex::os::unmap_view(view); }
+};
+
+Failure system_failure(const char* step) {
+    return {step, static_cast<int>(vex::os::last_error()), true};
+}
+
+}  // namespace
 
 std::string result_name(int rc) {
     static constexpr const char* names[] = {"SHMRM_OK",
@@ -31,6 +55,11 @@ std::string result_name(int rc) {
 }
 
 std::string Failure::message() const {
+    if (system) {
+        const bool absent = call == kOpening && rc == static_cast<int>(vex::os::kErrorFileNotFound);
+        return fmt::format("{}: system error {}{}", call, rc,
+                           absent ? " (no region: is a node running?)" : "");
+    }
     std::string hint;
     if (call == "shmrm_attach" && rc == SHMRM_ERR_OPENMAP)
         hint = " (no region: is a node running?)";
@@ -56,27 +85,30 @@ RegionLock::~RegionLock() {
 }
 
 bool take_region_bytes(unsigned int timeout_ms, Bytes& bytes, Failure& failure) {
-    Attachment attached;
-    if (attached.rc() != SHMRM_OK) {
-        failure = {"shmrm_attach", attached.rc()};
-        return false;
-    }
+    // The library read the namespace when it was loaded; the platform layer linked into this
+    // program reads it once as well.
+    static const bool namespace_loaded = (vex::VexutilLoadNamespace(), true);
+    (void)namespace_loaded;
+
     RegionLock lock(RegionLock::Mode::kRead, timeout_ms);
     if (lock.rc() != SHMRM_OK) {
         failure = {"shmrm_rolock", lock.rc()};
         return false;
     }
-    int size = 0;
-    int rc = shmrm_dump(nullptr, &size);
-    if (rc == SHMRM_OK && size <= 0) rc = SHMRM_ERR_BUFFER;
-    if (rc == SHMRM_OK) {
-        bytes.assign(static_cast<std::size_t>(size), std::byte{0});
-        rc = shmrm_dump(bytes.data(), &size);
-    }
-    if (rc != SHMRM_OK) {
-        failure = {"shmrm_dump", rc};
+    const std::unique_ptr<void, CloseHandle> mapping(
+        vex::VexutilOpenNamedFileMapping(kAllAccess, 1, kMappingName));
+    if (!mapping) {
+        failure = system_failure(kOpening);
         return false;
     }
+    std::size_t size = 0;
+    const std::unique_ptr<void, UnmapView> view(vex::os::map_view(mapping.get(), &size));
+    if (!view) {
+        failure = system_failure(kMapping);
+        return false;
+    }
+    const auto* first = static_cast<const std::byte*>(view.get());
+    bytes.assign(first, first + size);
     return true;
 }
 

@@ -1,4 +1,5 @@
-// The region as the tool reaches it: through the library's exports only.
+// The region as the tool reaches it: records through the library's exports; the whole region,
+// for the reading commands, through a view of the tool's own.
 #pragma once
 
 #include <string>
@@ -10,10 +11,12 @@ namespace shmrmctl {
 // "SHMRM_ERR_NOTFOUND" for 3, and so on; "result <n>" for a code the library does not define.
 std::string result_name(int rc);
 
-// A failed export: its name and its result.
+// A failed step: an export and its result, or (`system`) a step of the tool's own and the
+// system's error number.
 struct Failure {
     std::string call;
     int rc = 0;
+    bool system = false;
     std::string message() const;
 };
 
@@ -45,8 +48,9 @@ class RegionLock {
     int rc_;
 };
 
-// Attaches, takes the read lock, sizes and copies the region, releases, detaches.
-// Returns false with `failure` set when any step fails.
+// Copies the whole region, as long as its mapping is, under the read lock. The region is opened
+// and mapped here, not attached: attaching would write this process's configured capacities
+// into the header. Returns false with `failure` set when any step fails.
 bool take_region_bytes(unsigned int timeout_ms, Bytes& bytes, Failure& failure);
 
 }  // namespace shmrmctl

@@ -58,6 +58,13 @@ Geometry geometry(Capacities c) {
     return g;
 }
 
+// Whether `real` bytes hold a region of `described` bytes: exactly, or as a view rounded up to
+// whole pages of `page` bytes.
+bool holds_region_of(std::int64_t real, std::int64_t described, std::size_t page) {
+    const auto unit = static_cast<std::int64_t>(std::max<std::size_t>(page, 1));
+    return real == described || real == (described + unit - 1) / unit * unit;
+}
+
 std::string caps_text(Capacities c) {
     return fmt::format("grpmax {}, rscmax {}, monmax {}", c.groups, c.resources, c.monitors);
 }
@@ -119,7 +126,7 @@ int clamp_count(int count, int capacity) {
 
 // Walks the region once; decoding and checking share it. `check` adds the lines that only the
 // checker reports (terminators, non-zero free positions).
-Snapshot walk(ByteView bytes, std::optional<Capacities> layout, bool checking) {
+Snapshot walk(ByteView bytes, std::optional<Capacities> layout, std::size_t page, bool checking) {
     Snapshot s;
     s.size = bytes.size();
     auto& damage = s.damage;
@@ -156,7 +163,7 @@ Snapshot walk(ByteView bytes, std::optional<Capacities> layout, bool checking) {
             fmt::format("geometry: {} describe no region below 2 GiB", caps_text(caps)));
         return s;
     }
-    if (geo.size != std::ssize(bytes)) {
+    if (!holds_region_of(std::ssize(bytes), geo.size, page)) {
         damage.push_back(fmt::format("geometry: {} give {} bytes, the region has {}",
                                      caps_text(caps), geo.size, bytes.size()));
     }
@@ -279,12 +286,12 @@ T get(ByteView in, std::size_t at) {
 
 }  // namespace
 
-Snapshot decode(ByteView bytes, std::optional<Capacities> layout) {
-    return walk(bytes, layout, false);
+Snapshot decode(ByteView bytes, std::optional<Capacities> layout, std::size_t page) {
+    return walk(bytes, layout, page, false);
 }
 
-std::vector<std::string> check(ByteView bytes, std::optional<Capacities> layout) {
-    return walk(bytes, layout, true).damage;
+std::vector<std::string> check(ByteView bytes, std::optional<Capacities> layout, std::size_t page) {
+    return walk(bytes, layout, page, true).damage;
 }
 
 Capacities header_caps(ByteView bytes) {

@@ -88,12 +88,16 @@ struct Snapshot {
     std::vector<std::string> damage;  // what could not be decoded, and why
 };
 
-// Decodes the region's bytes. The layout (table positions) follows `layout` when given,
-// otherwise the capacities in the bytes' own header.
-Snapshot decode(ByteView bytes, std::optional<Capacities> layout = std::nullopt);
+// Decodes the region's bytes: the whole region, so their length is its real size. The layout
+// (table positions) follows `layout` when given, otherwise the capacities in the bytes' own
+// header. Where a view of the region covers whole pages, `page` is their size and the bytes
+// may run on to the next multiple of it; 1 when they are the region exactly.
+Snapshot decode(ByteView bytes, std::optional<Capacities> layout = std::nullopt,
+                std::size_t page = 1);
 
 // Every violated invariant of the region, one line each; empty for a healthy region.
-std::vector<std::string> check(ByteView bytes, std::optional<Capacities> layout = std::nullopt);
+std::vector<std::string> check(ByteView bytes, std::optional<Capacities> layout = std::nullopt,
+                               std::size_t page = 1);
 
 // The dump file: a 40-byte header of our own (magic, version, header size, region size,
 // capacities), then the region's bytes.

@@ -95,6 +95,11 @@ class Console {
     std::unique_ptr<Saved> saved_;
 };
 
+// ---- Views of named mappings
+// The size of the pages a view of a named mapping covers whole: a view reaches from the
+// mapping's start to the next multiple of it. 1 where a view covers the mapping exactly.
+std::size_t view_page();
+
 // ---- Clock and process
 std::tm local_now();  // the local time, broken down
 // The tick count the library stamps progress with (milliseconds since boot, 32 bits).

@@ -269,6 +269,10 @@ bool Console::read_keys(int timeout_ms, std::string& keys) const {
     return true;
 }
 
+std::size_t view_page() {
+    return 1;  // a view is as long as the mapping
+}
+
 std::tm local_now() {
     const std::time_t t = std::time(nullptr);
     std::tm tm{};

@@ -376,6 +376,12 @@ bool Console::read_keys(int timeout_ms, std::string& keys) const {
     return true;
 }
 
+std::size_t view_page() {
+    SYSTEM_INFO info{};
+    GetSystemInfo(&info);
+    return info.dwPageSize;
+}
+
 std::tm local_now() {
     const std::time_t t = std::time(nullptr);
     std::tm tm{};

@@ -59,7 +59,7 @@ bool print_status(unsigned int timeout_ms, bool json) {
         std::fprintf(stderr, "shmrmctl: %s\n", failure.message().c_str());
         return false;
     }
-    const Snapshot s = decode(bytes);
+    const Snapshot s = decode(bytes, std::nullopt, sys::view_page());
     if (json) {
         std::printf("%s\n", json_text(s).c_str());
         return true;
@@ -115,7 +115,7 @@ int watch(const WatchOptions& options) {
         if (take_region_bytes(options.timeout_ms, bytes, failure)) {
             ViewOptions view;
             view.now_tick = sys::tick_now();
-            now = tables(decode(bytes), view);
+            now = tables(decode(bytes, std::nullopt, sys::view_page()), view);
         } else {
             note = "  -- " + failure.message();
         }
