@@ -8,8 +8,10 @@
 #include <fstream>
 #include <random>
 #include <sstream>
+#include <vector>
 
 #include "ledger.h"
+#include "os.h"
 #include "process.h"
 #include "stress.h"
 #include "text.h"
@@ -371,27 +373,24 @@ class Run {
     bool created_ = false;
 };
 
-// Removes the named objects that a namespace of this run left in the system (the region lock
-// and the mappings' guards stay in /dev/shm).
-void remove_namespace_objects(const std::string& ns) {
-    std::error_code ec;
-    for (const auto& entry : fs::directory_iterator("/dev/shm", ec)) {
-        if (entry.path().filename().string().rfind(ns + ".", 0) == 0) fs::remove(entry.path(), ec);
-    }
-}
-
 }  // namespace
 
 int run_parent(const Options& o, char** argv) {
-    // The library reads the namespace when it is loaded: start again with it set.
+    // The library reads the namespace when it is loaded: run again with it set, as a child, so
+    // that this process lets go of what it loaded under the first one.
     const std::string ns =
         o.ipc_namespace.empty() ? cat("shmrm-stress-", self_id()) : o.ipc_namespace;
     const char* current = std::getenv("VEX_IPC_NAMESPACE");
     if (current == nullptr || ns != current) {
         setenv("VEX_IPC_NAMESPACE", ns.c_str(), 1);
-        execv("/proc/self/exe", argv);
-        std::perror("shmrm_stress: execv");
-        return 1;
+        // The namespace goes on the command line too: the child's process id is another.
+        std::vector<char*> args;
+        for (char** a = argv; *a != nullptr; ++a)
+            args.push_back(*a);
+        std::string option = "--namespace", value = ns;
+        if (o.ipc_namespace.empty()) args.insert(args.end(), {option.data(), value.data()});
+        args.push_back(nullptr);
+        return run_self(args.data());
     }
     std::string dir = (fs::temp_directory_path() / "shmrm-stress-XXXXXX").string();
     if (mkdtemp(dir.data()) == nullptr) {
@@ -407,7 +406,7 @@ int run_parent(const Options& o, char** argv) {
     }
     run.tear_down();
     run.report();
-    if (o.ipc_namespace.empty()) remove_namespace_objects(ns);
+    vex::os::sweep_namespace(ns.c_str());  // what killed workers left
     if (o.keep) {
         std::printf("kept %s\n", dir.c_str());
     } else {

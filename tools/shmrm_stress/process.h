@@ -27,6 +27,9 @@ std::optional<int> reap(const Child& child, int wait_ms);
 // entry of `text`; `open[i]` becomes false at the end of child i's output.
 void read_output(const std::vector<Child>& children, std::vector<std::string>& text,
                  std::vector<bool>& open, int wait_ms);
+// Runs this program again with these arguments and the current environment, as a child, and
+// waits for it: its exit code, or 128 + the signal that ended it.
+int run_self(char** argv);
 // This process's id.
 long self_id();
 // The id of the process that started this one.

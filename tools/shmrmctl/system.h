@@ -57,8 +57,8 @@ class Child {
 };
 
 // Runs this program again, with the same arguments followed by `more_args` and with
-// `name`=`value` in its environment, and returns the exit status to end with (on POSIX systems
-// the process image is replaced). For settings a library reads when it is loaded.
+// `name`=`value` in its environment, as a child, and returns its exit status to end with. For
+// settings a library reads when it is loaded.
 int run_again_with(const std::string& name, const std::string& value, char** argv,
                    const std::vector<std::string>& more_args);
 

@@ -193,9 +193,25 @@ int run_again_with(const std::string& name, const std::string& value, char** arg
     for (const auto& a : more_args)
         args.push_back(const_cast<char*>(a.c_str()));
     args.push_back(nullptr);
-    execv("/proc/self/exe", args.data());
-    std::perror("shmrmctl: execv");
-    return 1;
+    // A child, not a replaced image: this process lets go of what it loaded when it ends. While it
+    // waits, an interrupt from the terminal reaches the child on its own and a stop request is
+    // passed on.
+    pid_t pid = -1;
+    if (posix_spawn(&pid, "/proc/self/exe", nullptr, nullptr, args.data(), environ) != 0) {
+        std::perror("shmrmctl: starting again");
+        return 1;
+    }
+    install_stop_handlers();
+    bool passed_on = false;
+    int status = 0;
+    while (waitpid(pid, &status, 0) < 0) {
+        if (errno != EINTR) return 1;
+        if (stop_requested() && !passed_on) {
+            passed_on = true;
+            kill(pid, SIGTERM);
+        }
+    }
+    return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
 }
 
 std::string self_path() {
