@@ -198,7 +198,7 @@ TEST(RacingWriter, NoExportLeavesTheRegion) {
     scrambling.join();
     EXPECT_EQ(peer.status, 0) << peer.err;
     EXPECT_GT(std::atol(peer.out.c_str()), 1000) << "rounds of the peer";
-    EXPECT_GT(calls, 500);  // tens of thousands natively; far fewer under an emulator
+    EXPECT_GT(calls, 200);  // tens of thousands natively; far fewer under an emulator
     RecordProperty("calls", std::to_string(calls));
     EXPECT_EQ(seen[31] + seen[15] + seen[16], 0) << "results outside the table";
     EXPECT_EQ(shmrm_delete(), SHMRM_OK);
