@@ -14,8 +14,10 @@
 #include <vector>
 
 #include "os.h"
+#include "shmrm_internal.h"
 #include "support/child.h"
 #include "support/sandbox.h"
+#include "tables.h"
 #include "vexshmrm.h"
 
 namespace {
@@ -228,6 +230,49 @@ TEST(DifferentCapacities, AnAttacherSeesEveryGroupItMappedAndSaysSo) {
     EXPECT_EQ(shmrm_delete(), SHMRM_OK);
 }
 
+// Which header capacities a mapping call finds worth a warning: any that differ from its own,
+// except a cleared header, where all three are 0.
+TEST(DifferentCapacities, EveryDifferenceIsWarnedOfAndAClearedHeaderIsNot) {
+    Sandbox sandbox;
+    sandbox.configure(Capacities{2, 2, 2});
+    ASSERT_EQ(shmrm_create(), SHMRM_OK);
+    Child holder;  // keeps the region while this process maps it again
+    ASSERT_EQ(holder.rc("attach"), SHMRM_OK);
+    const struct {
+        int grpmax, rscmax, monmax;
+        bool warned;
+    } rows[] = {{2, 2, 2, false}, {0, 0, 0, false}, {0, 0, 2, true},
+                {1, 2, 2, true},  {2, 3, 2, true},  {2, 2, 1, true}};
+    const std::string warning = "WARNING _create";
+    for (const auto& row : rows) {
+        SCOPED_TRACE(std::to_string(row.grpmax) + "," + std::to_string(row.rscmax) + "," +
+                     std::to_string(row.monmax));
+        rmhead* h = shmrm::head(shmrm::region());
+        shmrm::store(h->grpmax, row.grpmax);
+        shmrm::store(h->rscmax, row.rscmax);
+        shmrm::store(h->monmax, row.monmax);
+        ASSERT_EQ(shmrm_delete(), SHMRM_OK);
+        std::remove(sandbox.log_path().c_str());
+        ASSERT_EQ(shmrm_create(), SHMRM_OK);
+        EXPECT_EQ(sandbox.read_log().find(warning) != std::string::npos, row.warned)
+            << sandbox.read_log();
+    }
+    EXPECT_EQ(shmrm_delete(), SHMRM_OK);
+}
+
+// A removal moves records only inside the count it is given, whatever position it is asked for.
+TEST(RemoveRecord, APositionOutsideTheCountMovesNothing) {
+    unsigned char records[4] = {1, 2, 3, 4};
+    for (const int at : {-1, 3, 4}) {
+        shmrm::remove_record(records, 1, at, 3);
+        EXPECT_EQ(std::vector<unsigned char>(records, records + 4),
+                  (std::vector<unsigned char>{1, 2, 3, 4}));
+    }
+    shmrm::remove_record(records, 1, 1, 3);
+    EXPECT_EQ(std::vector<unsigned char>(records, records + 4),
+              (std::vector<unsigned char>{1, 3, 0, 4}));
+}
+
 #if !defined(_WIN32)
 // The system's shared memory, a private 1 MiB of it, runs out: making an object that cannot be
 // backed fails at once with its result code and the system's error, and no process faults.
@@ -309,23 +354,37 @@ TEST(NothingLeftBehind, ProcessesComingAndGoing) {
     EXPECT_EQ(objects_of(ns), std::vector<std::string>{});
 }
 
-// Every holder of a namespace killed: the region, the lock and their guards stay, until the next
-// process of the namespace finds them unused; a process that only loads the library is enough.
+// Every holder of a namespace killed: the region, the lock and their guards stay until they are
+// found unused, by the next process of the namespace (one that only loads the library is
+// enough) or by the platform's sweep of the namespace.
 TEST(NothingLeftBehind, WhatKilledProcessesLeftGoesWithTheNext) {
     Sandbox sandbox;
     sandbox.configure(Capacities{2, 1, 2});
-    const std::string ns = sub_namespace("killed");
-    {
-        Child holder({"VEX_IPC_NAMESPACE=" + ns});
-        ASSERT_EQ(holder.rc("create"), SHMRM_OK);
-        ASSERT_EQ(holder.rc("rwlock 0"), SHMRM_OK);
-        holder.kill_hard();
-    }
+    const struct {
+        const char* what;
+        std::function<void(const std::string&)> next;
+    } rows[] = {
+        {"the next process",
+         [](const std::string& ns) {
+             EXPECT_EQ(vextest::run({VEX_CHILD_EXE}, {"VEX_IPC_NAMESPACE=" + ns}).status, 0);
+         }},
+        {"the sweep", [](const std::string& ns) { vex::os::sweep_namespace(ns.c_str()); }},
+    };
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.what);
+        const std::string ns = sub_namespace("killed");
+        {
+            Child holder({"VEX_IPC_NAMESPACE=" + ns});
+            ASSERT_EQ(holder.rc("create"), SHMRM_OK);
+            ASSERT_EQ(holder.rc("rwlock 0"), SHMRM_OK);
+            holder.kill_hard();
+        }
 #if !defined(_WIN32)
-    EXPECT_EQ(objects_of(ns).size(), 4u);  // the region, the lock and a guard each
+        EXPECT_EQ(objects_of(ns).size(), 4u);  // the region, the lock and a guard each
 #endif
-    EXPECT_EQ(vextest::run({VEX_CHILD_EXE}, {"VEX_IPC_NAMESPACE=" + ns}).status, 0);
-    EXPECT_EQ(objects_of(ns), std::vector<std::string>{});
+        row.next(ns);
+        EXPECT_EQ(objects_of(ns), std::vector<std::string>{});
+    }
 }
 
 }  // namespace

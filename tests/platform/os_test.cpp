@@ -2,7 +2,9 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <functional>
 #include <string>
 #include <thread>
@@ -20,6 +22,7 @@
 
 #include <cerrno>
 #include <filesystem>
+#include <sstream>
 #include <vector>
 #endif
 
@@ -81,12 +84,40 @@ TEST(NamedMapping, LivesWhileAHandleOrAViewHoldsIt) {
     EXPECT_TRUE(os::close_handle(fresh));
 }
 
+// A reader's view sees what a writer's view wrote, and cannot itself be written.
+TEST(NamedMapping, AReadViewSeesWritesAndCannotWrite) {
+    os::Handle h = os::create_named_mapping(4096, unique_name("readview").c_str());
+    ASSERT_NE(h, nullptr);
+    auto* writer = static_cast<char*>(os::map_view(h, nullptr));
+    std::size_t mapped = 0;
+    auto* reader = static_cast<const char*>(os::map_view_read(h, &mapped));
+    ASSERT_NE(writer, nullptr);
+    ASSERT_NE(reader, nullptr);
+    EXPECT_GE(mapped, 4096u);
+    std::strcpy(writer, "seen");
+    EXPECT_STREQ(reader, "seen");
+#if !defined(_WIN32)
+    char start[32];
+    std::snprintf(start, sizeof start, "%lx-", reinterpret_cast<unsigned long>(reader));
+    std::istringstream maps(vextest::Sandbox::read_file("/proc/self/maps"));
+    std::string perms;
+    for (std::string line; std::getline(maps, line);)
+        if (line.rfind(start, 0) == 0) perms = line.substr(line.find(' ') + 1, 4);
+    EXPECT_EQ(perms, "r--s");
+#endif
+    EXPECT_TRUE(os::unmap_view(const_cast<char*>(reader)));
+    EXPECT_TRUE(os::unmap_view(writer));
+    EXPECT_TRUE(os::close_handle(h));
+}
+
 TEST(NamedMapping, RefusesUnusableNamesAndHandles) {
     EXPECT_EQ(os::create_named_mapping(4096, "bad/name"), nullptr);
     EXPECT_EQ(os::create_named_mapping(4096, ""), nullptr);
     EXPECT_EQ(os::create_named_mapping(0, unique_name("zero").c_str()), nullptr);
     EXPECT_EQ(os::open_named_mapping(std::string(300, 'x').c_str()), nullptr);
     EXPECT_EQ(os::create_named_mutex("bad/name"), nullptr);
+    EXPECT_FALSE(os::remove_if_unused("bad/name"));
+    EXPECT_FALSE(os::remove_if_unused(""));
     int not_a_handle = 0;
     EXPECT_EQ(os::map_view(&not_a_handle, nullptr), nullptr);
     EXPECT_FALSE(os::unmap_view(&not_a_handle));
@@ -97,6 +128,7 @@ TEST(NamedMapping, RefusesUnusableNamesAndHandles) {
     EXPECT_EQ(os::create_named_mapping(~0ull, unique_name("huge").c_str()), nullptr);
     // Fits as a name, but not with the suffix of the object that guards it.
     EXPECT_EQ(os::create_named_mapping(4096, std::string(250, 'x').c_str()), nullptr);
+    EXPECT_FALSE(os::remove_if_unused(std::string(250, 'x').c_str()));
     os::Handle mutex = os::create_named_mutex(unique_name("inside").c_str());
     ASSERT_NE(mutex, nullptr);
     EXPECT_FALSE(os::close_handle(static_cast<char*>(mutex) + 1)) << "inside a handle";
@@ -203,6 +235,14 @@ class Limit {
     sighandler_t xfsz_;
 };
 
+// The address space this process has mapped, in bytes.
+rlim_t address_space() {
+    std::istringstream status(vextest::Sandbox::read_file("/proc/self/status"));
+    for (std::string line; std::getline(status, line);)
+        if (line.rfind("VmSize:", 0) == 0) return std::stoull(line.substr(7)) * 1024;
+    return RLIM_INFINITY;
+}
+
 // The descriptor the next open would get.
 int lowest_free_descriptor() {
     const int fd = open("/dev/null", O_RDONLY);
@@ -210,21 +250,24 @@ int lowest_free_descriptor() {
     return fd;
 }
 
-// Out of descriptors or past the file size limit, a call fails with the system's reason, leaks
-// no descriptor and leaves nothing half made behind.
+// Out of descriptors, past the file size limit or out of address space, a call fails with the
+// system's reason, leaks no descriptor and leaves nothing half made behind.
 TEST(SystemRefuses, LimitsFailTheCallAndLeakNothing) {
     vextest::Sandbox sandbox;
     const std::string name = unique_name("held"), made = unique_name("made");
     const std::string mutex = unique_name("limitmutex"), path = sandbox.path() + "/f";
+    const std::string held_mutex = unique_name("heldmutex");
     os::Handle held = os::create_named_mapping(4096, name.c_str());
     ASSERT_NE(held, nullptr);
+    os::Handle mutex_held = os::create_named_mutex(held_mutex.c_str());
+    ASSERT_NE(mutex_held, nullptr);
     os::AppendFile file;
     ASSERT_TRUE(os::append_open(&file, path.c_str()));
     ASSERT_TRUE(os::append_write(&file, "1234", 4));
     const struct {
         const char* what;
         int resource;
-        rlim_t value;  // for descriptors: how many are left to open
+        rlim_t value;  // for descriptors and address space: how much is left
         std::function<bool()> call;
         unsigned error;  // 0: the call leaves no last error
     } rows[] = {
@@ -242,14 +285,25 @@ TEST(SystemRefuses, LimitsFailTheCallAndLeakNothing) {
         {"mutex: the size", RLIMIT_FSIZE, 0,
          [&] { return os::create_named_mutex(mutex.c_str()) != nullptr; }, EFBIG},
         {"append", RLIMIT_FSIZE, 2, [&] { return os::append_write(&file, "5", 1); }, 0},
+        {"remove: the guard", RLIMIT_NOFILE, 0, [&] { return os::remove_if_unused(name.c_str()); },
+         EMFILE},
+        {"view: the address space", RLIMIT_AS, 0,
+         [&] { return os::map_view(held, nullptr) != nullptr; }, ENOMEM},
+        {"mutex: the address space", RLIMIT_AS, 0,
+         [&] { return os::create_named_mutex(mutex.c_str()) != nullptr; }, ENOMEM},
+        {"held mutex: the address space", RLIMIT_AS, 0,
+         [&] { return os::create_named_mutex(held_mutex.c_str()) != nullptr; }, ENOMEM},
     };
     const std::size_t before = open_descriptors();
     for (const auto& row : rows) {
         SCOPED_TRACE(row.what);
         bool ok = true;
         {
-            const int base = row.resource == RLIMIT_NOFILE ? lowest_free_descriptor() : 0;
-            Limit limit(row.resource, static_cast<rlim_t>(base) + row.value);
+            const rlim_t base = row.resource == RLIMIT_NOFILE
+                                    ? static_cast<rlim_t>(lowest_free_descriptor())
+                                : row.resource == RLIMIT_AS ? address_space()
+                                                            : 0;
+            Limit limit(row.resource, base + row.value);
             ok = row.call();
         }
         EXPECT_FALSE(ok);
@@ -265,6 +319,7 @@ TEST(SystemRefuses, LimitsFailTheCallAndLeakNothing) {
     EXPECT_EQ(os::wait_mutex(m, 0), os::kWaitObject0);
     EXPECT_TRUE(os::release_mutex(m));
     EXPECT_TRUE(os::close_handle(m));
+    EXPECT_TRUE(os::close_handle(mutex_held));  // which the refused open left in place
     EXPECT_TRUE(os::append_write(&file, "5", 1));
     EXPECT_EQ(vextest::Sandbox::read_file(path), "12345");
     os::append_close(&file);

@@ -9,6 +9,7 @@
 #include <string>
 #include <vector>
 
+#include "os.h"
 #include "region.h"
 #include "system.h"
 #include "terminal.h"
@@ -156,7 +157,15 @@ int demo(const DemoOptions& options, char** argv) {
     if (current == nullptr || ns != current) {
         std::vector<std::string> named;
         if (options.ipc_namespace.empty()) named = {"--namespace", ns};
-        return sys::run_again_with("VEX_IPC_NAMESPACE", ns, argv, named);
+        const int rc = sys::run_again_with("VEX_IPC_NAMESPACE", ns, argv, named);
+        // Every process of the namespace has ended: none of its named objects may remain.
+        const std::size_t left = vex::os::namespace_objects(
+            ns.c_str(),
+            [](const char* name, void*) {
+                std::fprintf(stderr, "shmrmctl: the demo left a named object behind: %s\n", name);
+            },
+            nullptr);
+        return rc == 0 && left != 0 ? 1 : rc;
     }
     const std::string example = find_example_dir(options.example_dir);
     if (example.empty()) {

@@ -102,7 +102,7 @@ bool take_region_bytes(unsigned int timeout_ms, Bytes& bytes, Failure& failure) 
         return false;
     }
     std::size_t size = 0;
-    const std::unique_ptr<void, UnmapView> view(vex::os::map_view(mapping.get(), &size));
+    const std::unique_ptr<void, UnmapView> view(vex::os::map_view_read(mapping.get(), &size));
     if (!view) {
         failure = system_failure(kMapping);
         return false;

@@ -41,6 +41,8 @@ Handle open_named_mapping(const char* name);
 // view lies between inaccessible pages, so that a stray access past either end faults at once
 // instead of touching whatever lies beside it.
 void* map_view(Handle mapping, std::size_t* mapped);
+// The same, read-only: a write through the view faults. For readers that must change nothing.
+void* map_view_read(Handle mapping, std::size_t* mapped);
 bool unmap_view(void* view);
 
 // A named, recursive mutex owned by a thread, shared by every process. When its owner thread

@@ -4,6 +4,7 @@
 
 #include <cstdio>
 #include <cstring>
+#include <string_view>
 
 #include "os.h"
 
@@ -12,19 +13,20 @@ namespace vex::os {
 namespace {
 
 constexpr const char* kShmFolder = "/dev/shm";
-constexpr char kGuardSuffix[] = ".guard";
+constexpr std::string_view kGuardSuffix = ".guard";
 
+// Calls `each` with the name of every object of the namespace.
 template <typename Each>
 std::size_t each_object(const char* ns, Each each) {
+    char prefix[kObjectNameMax + 2];
+    std::snprintf(prefix, sizeof prefix, "%s.", ns);
     DIR* dir = opendir(kShmFolder);
-    if (dir == nullptr) return 0;
-    const std::size_t prefix = std::strlen(ns);
+    if (dir == nullptr) return 0;  // GCOVR_EXCL_LINE: the folder of every Linux system
     std::size_t count = 0;
     while (const dirent* entry = readdir(dir)) {
-        const char* name = entry->d_name;
-        if (std::strncmp(name, ns, prefix) != 0 || name[prefix] != '.') continue;
+        if (!std::string_view(entry->d_name).starts_with(prefix)) continue;
         ++count;
-        each(name);
+        each(entry->d_name);
     }
     closedir(dir);
     return count;
@@ -40,13 +42,11 @@ std::size_t namespace_objects(const char* ns, void (*each)(const char* name, voi
 void sweep_namespace(const char* ns) {
     each_object(ns, [](const char* name) {
         // A guard goes with its object: the object's name is asked about instead.
-        char object[kObjectNameMax + sizeof kGuardSuffix];
-        std::snprintf(object, sizeof object, "%s", name);
-        const std::size_t len = std::strlen(object);
-        const std::size_t suffix = sizeof kGuardSuffix - 1;
-        if (len > suffix && std::strcmp(object + len - suffix, kGuardSuffix) == 0)
-            object[len - suffix] = '\0';
-        remove_if_unused(object);
+        std::string_view object(name);
+        if (object.ends_with(kGuardSuffix)) object.remove_suffix(kGuardSuffix.size());
+        char buf[kObjectNameMax + 1 + kGuardSuffix.size()];
+        std::snprintf(buf, sizeof buf, "%.*s", static_cast<int>(object.size()), object.data());
+        remove_if_unused(buf);
     });
 }
 

@@ -72,8 +72,10 @@ Handle open_named_mapping(const char* name) {
     return OpenFileMappingA(FILE_MAP_ALL_ACCESS, TRUE, name);
 }
 
-void* map_view(Handle mapping, std::size_t* mapped) {
-    void* view = MapViewOfFile(mapping, FILE_MAP_WRITE, 0, 0, 0);
+namespace {
+
+void* map_view_as(Handle mapping, std::size_t* mapped, DWORD access) {
+    void* view = MapViewOfFile(mapping, access, 0, 0, 0);
     if (view == nullptr) return nullptr;
     MEMORY_BASIC_INFORMATION info{};
     if (VirtualQuery(view, &info, sizeof info) == 0) {
@@ -84,6 +86,15 @@ void* map_view(Handle mapping, std::size_t* mapped) {
     }
     if (mapped != nullptr) *mapped = info.RegionSize;
     return view;
+}
+
+}  // namespace
+
+void* map_view(Handle mapping, std::size_t* mapped) {
+    return map_view_as(mapping, mapped, FILE_MAP_WRITE);
+}
+void* map_view_read(Handle mapping, std::size_t* mapped) {
+    return map_view_as(mapping, mapped, FILE_MAP_READ);
 }
 
 bool unmap_view(void* view) {
