@@ -7,6 +7,7 @@
 // The process runs in an IPC namespace of its own and a temporary install directory (etc/vex.xml,
 // log/) that it removes on exit, so it never meets a node or a test run on the same host.
 #include <benchmark/benchmark.h>
+#include <fcntl.h>
 #include <pthread.h>
 #include <stdlib.h>
 #include <unistd.h>
@@ -59,6 +60,8 @@ class InstallDir {
             << "  <shmrm><log><level>" << level << "</level><size>1000000</size></log></shmrm>\n"
             << "</root>\n";
     }
+
+    const std::string& path() const { return path_; }
 
   private:
     std::string path_;
@@ -896,6 +899,40 @@ void register_tracing() {
             return [i = 0]() mutable {
                 shmrm::Call call("_bench");
                 benchmark::DoNotOptimize(call.exit(++i));
+            };
+        });
+    // A line written to the module log, and the ENTER and EXIT lines of a call at level 16, each
+    // beside one bare append write of a line as long to a file in the same folder, cut back at
+    // the log's size as the log is rotated.
+    auto bare_write = [] {
+        const std::string path = g_dir->path() + "/log/floor.log";
+        const int fd = ::open(path.c_str(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, 0660);
+        if (fd < 0) fail("open", fd);
+        return [fd, written = std::size_t{0}]() mutable {
+            static const std::string line =
+                "2026-11-23 08:15:02.123 123456 123456 ERROR _bench shmrm_bench.cpp:900 value:1\n";
+            benchmark::DoNotOptimize(::write(fd, line.data(), line.size()));
+            if ((written += line.size()) > 1000000) {
+                benchmark::DoNotOptimize(::ftruncate(fd, 0));
+                written = 0;
+            }
+        };
+    };
+    pair(
+        "trace/written_line", [] { use_full(); }, bare_write,
+        [] {
+            return [i = 0]() mutable {
+                ++i;
+                SHMRM_TRACE(SHMRM_LOG_ERROR, "_bench", "value:%d", i % 10);
+                benchmark::DoNotOptimize(i);
+            };
+        });
+    pair(
+        "trace16/written_enter_exit", [] { use_full(SHMRM_LOG_FUNC); }, bare_write,
+        [] {
+            return [i = 0]() mutable {
+                shmrm::Call call("_bench");
+                benchmark::DoNotOptimize(call.exit(++i % 10));
             };
         });
     register_words(SHMRM_LOG_FUNC, "trace16/");

@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <chrono>
 #include <filesystem>
 #include <fstream>
 #include <map>
@@ -219,9 +220,10 @@ TEST_F(LogTest, RotationKeepsOneBackupAndTheSizeLimitAcrossHandles) {
     ASSERT_FALSE(texts.empty());
     EXPECT_LT(texts.size(), static_cast<std::size_t>(kLines));
     EXPECT_EQ(texts, numbers(kLines - static_cast<int>(texts.size()), kLines));
-    // A file renamed away by someone else is left behind for a new one.
+    // A file renamed away by someone else is left behind for a new one within a second.
     fs::remove(backup());
     fs::rename(path(), backup());
+    std::this_thread::sleep_for(std::chrono::milliseconds(1100));
     write(a, "after");
     EXPECT_EQ(texts_of(path()), Texts{"after"});
 }

@@ -95,6 +95,15 @@ std::string run(const std::string& line) {
         shmrm_rwunlock();
         return fd >= 0 ? "0" : "overlap";
     }
+    if (cmd == "spin") {  // traced calls for the given milliseconds; the number made
+        int ms = 0;
+        in >> ms;
+        const auto until = std::chrono::steady_clock::now() + std::chrono::milliseconds(ms);
+        long calls = 0;
+        for (int v = 0; std::chrono::steady_clock::now() < until; ++calls)
+            shmrm_getacstat(&v);
+        return "0 " + std::to_string(calls);
+    }
     if (cmd == "setmaxvalue") {
         int a = 0, b = 0, c = 0;
         in >> a >> b >> c;

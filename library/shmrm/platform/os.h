@@ -91,25 +91,59 @@ bool is_directory(const char* path);
 bool make_directory(const char* path);  // true when it exists afterwards
 char path_separator();
 
-// An append-only file shared by the processes of the node, written a whole line at a time.
-// The lock is process-shared and advisory; it is released when the holder dies.
+// An append-only file shared by the processes of the node, written a whole line at a time by one
+// write. Only a regular file is opened, and opening never waits: a FIFO, a device or a folder at
+// the path is refused.
 struct AppendFile {
     std::intptr_t fd = -1;
+    std::intptr_t retired[4] = {-1, -1, -1, -1};  // where a system cannot repoint in place
+    unsigned next_retired = 0;
 };
 bool append_open(AppendFile* file, const char* path);
+// Points an open file at the file now at `path` (made when missing), while other threads may be
+// writing through it: each of their writes lands whole in the old file or the new one.
+bool append_reopen(AppendFile* file, const char* path);
 void append_close(AppendFile* file);
 bool append_write(AppendFile* file, const void* data, std::size_t len);
 std::int64_t append_size(AppendFile* file);  // -1 on failure
 bool append_is_current(AppendFile* file,
                        const char* path);  // false once the path names another file
-bool file_lock(AppendFile* file);          // exclusive, blocking
-void file_unlock(AppendFile* file);
 bool rename_replace(const char* from, const char* to);
 
-// Local time of day for log stamps.
-struct LocalTime {
-    int year, month, day, hour, minute, second, millisecond;
+// A small regular file mapped into memory, shared by every process that maps it; its blocks are
+// committed before it is mapped. Its lock is exclusive, never waits, and goes with its holder.
+struct FilePage {
+    void* address = nullptr;
+    std::intptr_t fd = -1;
+    std::intptr_t mapping = 0;
 };
-LocalTime local_time();
+bool page_map(FilePage* page, const char* path, std::size_t size);
+void page_unmap(FilePage* page);
+bool page_trylock(FilePage* page);
+void page_unlock(FilePage* page);
+
+// The wall clock, read without a system call, and the local date and time of one of its seconds.
+struct WallClock {
+    std::int64_t seconds;
+    int millisecond;
+};
+WallClock wall_clock();
+struct LocalTime {
+    int year, month, day, hour, minute, second;
+};
+LocalTime local_time_of(std::int64_t seconds);
+
+// While it lives, the calling thread cannot be cancelled (where threads can be): what it does
+// runs to its end, and leaves nothing half done behind for the others.
+class CancelGuard {
+  public:
+    CancelGuard();
+    ~CancelGuard();
+    CancelGuard(const CancelGuard&) = delete;
+    CancelGuard& operator=(const CancelGuard&) = delete;
+
+  private:
+    int previous_ = 0;
+};
 
 }  // namespace vex::os

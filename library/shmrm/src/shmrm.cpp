@@ -88,12 +88,10 @@ void trace_write(int level, const char* file, int line, const char* tag, const c
     va_start(args, format);
     std::vsnprintf(text, sizeof text, format, args);
     va_end(args);
-    // The log lock keeps the handle alive while a line is written.
-    g.log_lock.enter();
+    // No lock: a handle the log is closing drops the line (a closed handle stays valid memory).
     if (vex::LogHandle handle = g.log.load(std::memory_order_acquire)) {
         imports().loglib_write(handle, level, 0, file, line, tag, text);
     }
-    g.log_lock.leave();
 }
 
 }  // namespace shmrm

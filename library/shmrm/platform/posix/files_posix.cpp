@@ -1,7 +1,9 @@
-// Files on POSIX systems: the log folder, shared append-only logs and their lock files.
+// Files on POSIX systems: the log folder, shared append-only logs and the page beside them.
 #include <errno.h>
 #include <fcntl.h>
+#include <pthread.h>
 #include <sys/file.h>
+#include <sys/mman.h>
 #include <sys/stat.h>
 #include <time.h>
 #include <unistd.h>
@@ -20,12 +22,14 @@ int fd_of(const AppendFile* file) {
     return static_cast<int>(file->fd);
 }
 
-// Opens for appending, creating the file when missing. A file this call creates gets
-// kFileMode whatever the umask.
-int open_append(const char* path) {
-    constexpr int kFlags = O_WRONLY | O_APPEND | O_CLOEXEC;
+// Opens with `flags` (O_WRONLY | O_APPEND, or O_RDWR), creating the file when missing, without
+// ever waiting: only a regular file is kept. A file this call creates gets kFileMode whatever
+// the umask.
+int open_regular(const char* path, int flags) {
+    flags |= O_NONBLOCK | O_CLOEXEC;
+    int fd = -1;
     for (;;) {
-        int fd = ::open(path, kFlags | O_CREAT | O_EXCL, kFileMode);
+        fd = ::open(path, flags | O_CREAT | O_EXCL, kFileMode);
         if (fd >= 0) {
             if (::fchmod(fd, kFileMode) != 0) {  // GCOVR_EXCL_START: the file this call made
                 ::close(fd);
@@ -35,12 +39,21 @@ int open_append(const char* path) {
         }
         if (errno == EINTR) continue;
         if (errno != EEXIST) return -1;
-        fd = ::open(path, kFlags);
-        if (fd >= 0) return fd;
+        fd = ::open(path, flags);
+        if (fd >= 0) break;
         // Removed between the two calls: create it after all.
         if (errno != EINTR && errno != ENOENT) return -1;
     }
+    struct stat st {};
+    if (::fstat(fd, &st) != 0 || !S_ISREG(st.st_mode)) {
+        ::close(fd);
+        errno = EINVAL;
+        return -1;
+    }
+    return fd;
 }
+
+constexpr int kAppend = O_WRONLY | O_APPEND;
 
 }  // namespace
 
@@ -64,10 +77,20 @@ char path_separator() {
 
 bool append_open(AppendFile* file, const char* path) {
     append_close(file);
-    const int fd = open_append(path);
+    const int fd = open_regular(path, kAppend);
     if (fd < 0) return false;
     file->fd = fd;
     return true;
+}
+
+bool append_reopen(AppendFile* file, const char* path) {
+    if (file->fd < 0) return append_open(file, path);
+    const int fd = open_regular(path, kAppend);
+    if (fd < 0) return false;
+    // The descriptor's number stays: a write through it goes to one file or the other.
+    const int r = ::dup3(fd, fd_of(file), O_CLOEXEC);
+    ::close(fd);
+    return r >= 0;
 }
 
 void append_close(AppendFile* file) {
@@ -105,34 +128,64 @@ bool append_is_current(AppendFile* file, const char* path) {
     return open_st.st_dev == path_st.st_dev && open_st.st_ino == path_st.st_ino;
 }
 
-bool file_lock(AppendFile* file) {
-    if (file->fd < 0) return false;
-    for (;;) {
-        if (::flock(fd_of(file), LOCK_EX) == 0) return true;
-        if (errno != EINTR) return false;
-    }
-}
-
-void file_unlock(AppendFile* file) {
-    if (file->fd >= 0) ::flock(fd_of(file), LOCK_UN);
-}
-
 bool rename_replace(const char* from, const char* to) {
     return std::rename(from, to) == 0;
 }
 
-LocalTime local_time() {
+bool page_map(FilePage* page, const char* path, std::size_t size) {
+    page_unmap(page);
+    const int fd = open_regular(path, O_RDWR);
+    if (fd < 0) return false;
+    int r;
+    do {
+        r = ::posix_fallocate(fd, 0, static_cast<off_t>(size));
+    } while (r == EINTR);  // GCOVR_EXCL_LINE: a signal during the commit
+    void* address =
+        r == 0 ? ::mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0) : MAP_FAILED;
+    if (address == MAP_FAILED) {
+        ::close(fd);
+        return false;
+    }
+    page->address = address;
+    page->fd = fd;
+    page->mapping = static_cast<std::intptr_t>(size);
+    return true;
+}
+
+void page_unmap(FilePage* page) {
+    if (page->address == nullptr) return;
+    ::munmap(page->address, static_cast<std::size_t>(page->mapping));
+    ::close(static_cast<int>(page->fd));
+    *page = FilePage{};
+}
+
+bool page_trylock(FilePage* page) {
+    return page->fd >= 0 && ::flock(static_cast<int>(page->fd), LOCK_EX | LOCK_NB) == 0;
+}
+
+void page_unlock(FilePage* page) {
+    if (page->fd >= 0) ::flock(static_cast<int>(page->fd), LOCK_UN);
+}
+
+WallClock wall_clock() {
     struct timespec now {};
-    ::clock_gettime(CLOCK_REALTIME, &now);
+    ::clock_gettime(CLOCK_REALTIME, &now);  // read from the vDSO
+    return WallClock{now.tv_sec, static_cast<int>(now.tv_nsec / 1000000)};
+}
+
+LocalTime local_time_of(std::int64_t seconds) {
+    const auto t = static_cast<time_t>(seconds);
     struct tm parts {};
-    ::localtime_r(&now.tv_sec, &parts);
-    return LocalTime{parts.tm_year + 1900,
-                     parts.tm_mon + 1,
-                     parts.tm_mday,
-                     parts.tm_hour,
-                     parts.tm_min,
-                     parts.tm_sec,
-                     static_cast<int>(now.tv_nsec / 1000000)};
+    ::localtime_r(&t, &parts);
+    return LocalTime{parts.tm_year + 1900, parts.tm_mon + 1, parts.tm_mday,
+                     parts.tm_hour,        parts.tm_min,     parts.tm_sec};
+}
+
+CancelGuard::CancelGuard() {
+    ::pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &previous_);
+}
+CancelGuard::~CancelGuard() {
+    ::pthread_setcancelstate(previous_, nullptr);
 }
 
 }  // namespace vex::os

@@ -2,7 +2,9 @@
 // ownership rules that os.h describes, so every call maps onto one or two system calls.
 #include <windows.h>
 
+#include <atomic>
 #include <cstring>
+#include <ctime>
 #include <new>
 
 #include "os.h"
@@ -173,20 +175,52 @@ char path_separator() {
     return '\\';
 }
 
+namespace {
+
+// Opens a regular file, making it when missing; anything else at the path is refused. Other
+// processes may write, rename and replace the file while it is open here.
+HANDLE open_regular(const char* path, DWORD access) {
+    HANDLE h = CreateFileA(path, access, FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE,
+                           nullptr, OPEN_ALWAYS, FILE_ATTRIBUTE_NORMAL, nullptr);
+    if (h == INVALID_HANDLE_VALUE) return nullptr;
+    if (GetFileType(h) != FILE_TYPE_DISK) {
+        CloseHandle(h);
+        SetLastError(ERROR_INVALID_PARAMETER);
+        return nullptr;
+    }
+    return h;
+}
+
+constexpr DWORD kAppend = FILE_APPEND_DATA | FILE_READ_ATTRIBUTES | SYNCHRONIZE;
+
+}  // namespace
+
 bool append_open(AppendFile* file, const char* path) {
     append_close(file);
-    // Append-only writes land at the end of the file whoever else writes it. Reading is asked
-    // for only because locking needs it. Other processes may write, rename and replace the
-    // file while it is open here.
-    HANDLE h = CreateFileA(path, FILE_APPEND_DATA | FILE_READ_DATA | SYNCHRONIZE,
-                           FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, nullptr,
-                           OPEN_ALWAYS, FILE_ATTRIBUTE_NORMAL, nullptr);
-    if (h == INVALID_HANDLE_VALUE) return false;
+    HANDLE h = open_regular(path, kAppend);
+    if (h == nullptr) return false;
     file->fd = reinterpret_cast<std::intptr_t>(h);
     return true;
 }
 
+bool append_reopen(AppendFile* file, const char* path) {
+    if (file->fd == -1) return append_open(file, path);
+    HANDLE h = open_regular(path, kAppend);
+    if (h == nullptr) return false;
+    // A handle cannot be repointed in place: the new one takes its place, and the old one is
+    // closed only four reopens later, when no write can still be on its way through it.
+    const auto old = std::atomic_ref(file->fd).exchange(reinterpret_cast<std::intptr_t>(h));
+    const unsigned at = std::atomic_ref(file->next_retired).fetch_add(1) % 4;
+    const auto oldest = std::atomic_ref(file->retired[at]).exchange(old);
+    if (oldest != -1) CloseHandle(reinterpret_cast<HANDLE>(oldest));
+    return true;
+}
+
 void append_close(AppendFile* file) {
+    for (std::intptr_t& h : file->retired) {
+        if (h != -1) CloseHandle(reinterpret_cast<HANDLE>(h));
+        h = -1;
+    }
     if (file->fd == -1) return;
     CloseHandle(handle_of(file));
     file->fd = -1;
@@ -198,7 +232,8 @@ bool append_write(AppendFile* file, const void* data, std::size_t len) {
     while (len > 0) {
         const DWORD chunk = len > 0x40000000u ? 0x40000000u : static_cast<DWORD>(len);
         DWORD written = 0;
-        if (WriteFile(handle_of(file), p, chunk, &written, nullptr) == 0 || written == 0) {
+        const auto h = reinterpret_cast<HANDLE>(std::atomic_ref(file->fd).load());
+        if (WriteFile(h, p, chunk, &written, nullptr) == 0 || written == 0) {
             return false;
         }
         p += written;
@@ -223,26 +258,68 @@ bool append_is_current(AppendFile* file, const char* path) {
     return same;
 }
 
-bool file_lock(AppendFile* file) {
-    if (file->fd == -1) return false;
-    OVERLAPPED at{};
-    return LockFileEx(handle_of(file), LOCKFILE_EXCLUSIVE_LOCK, 0, MAXDWORD, MAXDWORD, &at) != 0;
-}
-
-void file_unlock(AppendFile* file) {
-    if (file->fd == -1) return;
-    OVERLAPPED at{};
-    UnlockFileEx(handle_of(file), 0, MAXDWORD, MAXDWORD, &at);
-}
-
 bool rename_replace(const char* from, const char* to) {
     return MoveFileExA(from, to, MOVEFILE_REPLACE_EXISTING) != 0;
 }
 
-LocalTime local_time() {
-    SYSTEMTIME t{};
-    GetLocalTime(&t);
-    return LocalTime{t.wYear, t.wMonth, t.wDay, t.wHour, t.wMinute, t.wSecond, t.wMilliseconds};
+bool page_map(FilePage* page, const char* path, std::size_t size) {
+    page_unmap(page);
+    HANDLE file = open_regular(path, GENERIC_READ | GENERIC_WRITE);
+    if (file == nullptr) return false;
+    // The section is backed by the file, which it makes at least `size` bytes long.
+    HANDLE mapping =
+        CreateFileMappingA(file, nullptr, PAGE_READWRITE, 0, static_cast<DWORD>(size), nullptr);
+    void* address = mapping ? MapViewOfFile(mapping, FILE_MAP_WRITE, 0, 0, size) : nullptr;
+    if (address == nullptr) {
+        if (mapping != nullptr) CloseHandle(mapping);
+        CloseHandle(file);
+        return false;
+    }
+    page->address = address;
+    page->fd = reinterpret_cast<std::intptr_t>(file);
+    page->mapping = reinterpret_cast<std::intptr_t>(mapping);
+    return true;
 }
+
+void page_unmap(FilePage* page) {
+    if (page->address == nullptr) return;
+    UnmapViewOfFile(page->address);
+    CloseHandle(reinterpret_cast<HANDLE>(page->mapping));
+    CloseHandle(reinterpret_cast<HANDLE>(page->fd));
+    *page = FilePage{};
+}
+
+bool page_trylock(FilePage* page) {
+    if (page->address == nullptr) return false;
+    OVERLAPPED at{};
+    return LockFileEx(reinterpret_cast<HANDLE>(page->fd),
+                      LOCKFILE_EXCLUSIVE_LOCK | LOCKFILE_FAIL_IMMEDIATELY, 0, 1, 0, &at) != 0;
+}
+
+void page_unlock(FilePage* page) {
+    if (page->address == nullptr) return;
+    OVERLAPPED at{};
+    UnlockFileEx(reinterpret_cast<HANDLE>(page->fd), 0, 1, 0, &at);
+}
+
+WallClock wall_clock() {
+    FILETIME ft{};
+    GetSystemTimePreciseAsFileTime(&ft);
+    const std::uint64_t ticks = (std::uint64_t{ft.dwHighDateTime} << 32) | ft.dwLowDateTime;
+    const std::uint64_t ms = ticks / 10000 - 11644473600000ull;  // since 1970
+    return WallClock{static_cast<std::int64_t>(ms / 1000), static_cast<int>(ms % 1000)};
+}
+
+LocalTime local_time_of(std::int64_t seconds) {
+    const auto t = static_cast<std::time_t>(seconds);
+    std::tm parts{};
+    localtime_s(&parts, &t);
+    return LocalTime{parts.tm_year + 1900, parts.tm_mon + 1, parts.tm_mday,
+                     parts.tm_hour,        parts.tm_min,     parts.tm_sec};
+}
+
+// Windows threads are not cancelled.
+CancelGuard::CancelGuard() = default;
+CancelGuard::~CancelGuard() = default;
 
 }  // namespace vex::os
