@@ -117,7 +117,7 @@ class Line {
     explicit Line(char* buf, std::size_t room) : at_(buf), end_(buf + room) {}
     Line& add(std::string_view s) {
         const std::size_t n = std::min(s.size(), static_cast<std::size_t>(end_ - at_));
-        std::memcpy(at_, s.data(), n);
+        if (n != 0) std::memcpy(at_, s.data(), n);  // an empty view may have no data
         at_ += n;
         return *this;
     }
