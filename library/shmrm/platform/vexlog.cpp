@@ -101,7 +101,7 @@ struct Number {
         size = f.size();
         std::memcpy(text, f.data(), size);
     }
-    std::string_view view() const { return {text, size}; }
+    std::string_view view() const { return {text, std::min(size, sizeof text)}; }
 };
 struct Stamp {
     std::int64_t second = -1;
