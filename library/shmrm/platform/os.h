@@ -96,12 +96,15 @@ char path_separator();
 // the path is refused.
 struct AppendFile {
     std::intptr_t fd = -1;
-    std::intptr_t retired[4] = {-1, -1, -1, -1};  // where a system cannot repoint in place
-    unsigned next_retired = 0;
 };
+// Whether appends through different descriptors land whole without a lock. Where they may not
+// (Wine's appends are a seek and a write), writers take the page lock around each line, waiting a
+// bounded moment for it.
+extern const bool kAppendsAreAtomic;
 bool append_open(AppendFile* file, const char* path);
-// Points an open file at the file now at `path` (made when missing), while other threads may be
-// writing through it: each of their writes lands whole in the old file or the new one.
+// Points an open file at the file now at `path` (made when missing). Where appends are atomic,
+// other threads may be writing through it meanwhile: each of their writes lands whole in the old
+// file or the new one; elsewhere the caller holds the page lock.
 bool append_reopen(AppendFile* file, const char* path);
 void append_close(AppendFile* file);
 bool append_write(AppendFile* file, const void* data, std::size_t len);

@@ -31,9 +31,10 @@ namespace vex {
 // clock turns to the next second.
 //
 // Nothing is held across a write: a writer stopped or cancelled anywhere blocks no other writer,
-// in this process or in any other. A writer cannot be cancelled inside a line (os::CancelGuard),
-// so it never leaves a rotation half done; closing waits for the writers inside a line for a
-// bounded moment only.
+// in this process or in any other. (Where appends through separate descriptors are not atomic, as
+// under Wine, each line is written under the page lock, waited for 20 ms at the most.) A writer
+// cannot be cancelled inside a line (os::CancelGuard), so it never leaves a rotation half done;
+// closing waits for the writers inside a line for a bounded moment only.
 struct Page {  // at the start of the lock file
     std::atomic<std::uint32_t> magic;
     std::atomic<std::uint32_t> generation;
@@ -66,6 +67,7 @@ constexpr std::size_t kLineMax = 4096 + 256;
 constexpr std::size_t kPageSize = 4096;
 constexpr std::uint32_t kPageMagic = 0x564c4f47;  // "VLOG"
 constexpr auto kCloseBound = std::chrono::milliseconds(100);
+constexpr auto kLineBound = std::chrono::milliseconds(20);
 
 std::mutex g_slots_mutex;  // opening and closing
 LogFile g_slots[kSlots];
@@ -194,22 +196,41 @@ void follow(LogFile* log, std::int64_t second) {
         log->page->bytes.store(os::append_size(&log->file), std::memory_order_relaxed);
 }
 
-// Starts a new file, when no other rotation of this process or another is under way and nobody
-// rotated since this handle last followed. `len`: the line about to be written to it.
-void rotate(LogFile* log, std::size_t len) {
-    if (log->rotating.test_and_set(std::memory_order_acquire)) return;
-    if (os::page_trylock(&log->lock)) {
-        const std::uint32_t g = log->page->generation.load(std::memory_order_acquire);
-        if (g == log->generation.load(std::memory_order_relaxed) &&
-            os::rename_replace(log->path, log->backup_path)) {
-            os::append_reopen(&log->file, log->path);
-            log->page->bytes.store(static_cast<std::int64_t>(len), std::memory_order_relaxed);
-            log->generation.store(g + 1, std::memory_order_relaxed);
-            log->page->generation.store(g + 1, std::memory_order_release);
+// Starts a new file, when nobody rotated since this handle last followed. `len`: the line about
+// to be written to it. A writer that does not hold the page lock rotates only when it gets the
+// lock at once and no other thread of this process is rotating.
+void rotate(LogFile* log, std::size_t len, bool locked) {
+    if (!locked) {
+        if (log->rotating.test_and_set(std::memory_order_acquire)) return;
+        if (!os::page_trylock(&log->lock)) {
+            log->rotating.clear(std::memory_order_release);
+            return;
         }
-        os::page_unlock(&log->lock);
     }
-    log->rotating.clear(std::memory_order_release);
+    const std::uint32_t g = log->page->generation.load(std::memory_order_acquire);
+    if (g == log->generation.load(std::memory_order_relaxed) &&
+        os::rename_replace(log->path, log->backup_path)) {
+        os::append_reopen(&log->file, log->path);
+        log->page->bytes.store(static_cast<std::int64_t>(len), std::memory_order_relaxed);
+        log->generation.store(g + 1, std::memory_order_relaxed);
+        log->page->generation.store(g + 1, std::memory_order_release);
+    }
+    if (!locked) {
+        os::page_unlock(&log->lock);
+        log->rotating.clear(std::memory_order_release);
+    }
+}
+
+// Where appends are not atomic, the page lock, waited for a bounded moment: a holder stopped
+// longer than that costs the others only the order of their lines.
+bool lock_for_line(LogFile* log) {
+    if (os::kAppendsAreAtomic) return false;
+    const auto until = std::chrono::steady_clock::now() + kLineBound;
+    while (!os::page_trylock(&log->lock)) {
+        if (std::chrono::steady_clock::now() > until) return false;
+        std::this_thread::yield();
+    }
+    return true;
 }
 
 void write_line(LogFile* log, int level, const char* source, int line, const char* tag,
@@ -218,15 +239,16 @@ void write_line(LogFile* log, int level, const char* source, int line, const cha
     char buf[kLineMax];
     std::int64_t second = 0;
     const std::size_t len = format_line(buf, level, source, line, tag, text, &second);
-    if (len == 0) return;
+    const bool locked = lock_for_line(log);
     follow(log, second);
     if (log->size > 0) {
         const auto n = static_cast<std::int64_t>(len);
         const std::int64_t before = log->page->bytes.fetch_add(n, std::memory_order_relaxed);
         // An empty file is never rotated, so a line longer than the size is written alone.
-        if (before > 0 && before + n > log->size) rotate(log, len);
+        if (before > 0 && before + n > log->size) rotate(log, len, locked);
     }
     os::append_write(&log->file, buf, len);
+    if (locked) os::page_unlock(&log->lock);
 }
 
 // Takes the mapped lock file as the log's page, counting the file's bytes when no one did.

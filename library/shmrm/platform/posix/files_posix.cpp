@@ -75,6 +75,8 @@ char path_separator() {
     return '/';
 }
 
+const bool kAppendsAreAtomic = true;  // O_APPEND: the kernel places each write at the end
+
 bool append_open(AppendFile* file, const char* path) {
     append_close(file);
     const int fd = open_regular(path, kAppend);

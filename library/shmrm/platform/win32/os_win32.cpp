@@ -203,24 +203,19 @@ bool append_open(AppendFile* file, const char* path) {
     return true;
 }
 
+// Wine places an append by a seek and a write, so two handles can interleave.
+const bool kAppendsAreAtomic = false;
+
 bool append_reopen(AppendFile* file, const char* path) {
     if (file->fd == -1) return append_open(file, path);
     HANDLE h = open_regular(path, kAppend);
     if (h == nullptr) return false;
-    // A handle cannot be repointed in place: the new one takes its place, and the old one is
-    // closed only four reopens later, when no write can still be on its way through it.
-    const auto old = std::atomic_ref(file->fd).exchange(reinterpret_cast<std::intptr_t>(h));
-    const unsigned at = std::atomic_ref(file->next_retired).fetch_add(1) % 4;
-    const auto oldest = std::atomic_ref(file->retired[at]).exchange(old);
-    if (oldest != -1) CloseHandle(reinterpret_cast<HANDLE>(oldest));
+    CloseHandle(handle_of(file));  // its writers hold the page lock, as this caller does
+    file->fd = reinterpret_cast<std::intptr_t>(h);
     return true;
 }
 
 void append_close(AppendFile* file) {
-    for (std::intptr_t& h : file->retired) {
-        if (h != -1) CloseHandle(reinterpret_cast<HANDLE>(h));
-        h = -1;
-    }
     if (file->fd == -1) return;
     CloseHandle(handle_of(file));
     file->fd = -1;
@@ -232,8 +227,7 @@ bool append_write(AppendFile* file, const void* data, std::size_t len) {
     while (len > 0) {
         const DWORD chunk = len > 0x40000000u ? 0x40000000u : static_cast<DWORD>(len);
         DWORD written = 0;
-        const auto h = reinterpret_cast<HANDLE>(std::atomic_ref(file->fd).load());
-        if (WriteFile(h, p, chunk, &written, nullptr) == 0 || written == 0) {
+        if (WriteFile(handle_of(file), p, chunk, &written, nullptr) == 0 || written == 0) {
             return false;
         }
         p += written;
