@@ -3,6 +3,9 @@
 #include <cstdio>
 #include <cstring>
 
+#include <fmt/compile.h>
+#include <fmt/format.h>
+
 #include "shmrm_internal.h"
 #include "vexutil.h"
 #include "vexxml.h"
@@ -82,16 +85,26 @@ void log_close() {
     g.log_lock.leave();
 }
 
+void trace_text(int level, const char* file, int line, const char* tag, const char* text) {
+    // No lock: a handle the log is closing drops the line (a closed handle stays valid memory).
+    if (vex::LogHandle handle = g.log.load(std::memory_order_acquire)) {
+        imports().loglib_write(handle, level, 0, file, line, tag, text);
+    }
+}
+
 void trace_write(int level, const char* file, int line, const char* tag, const char* format, ...) {
     char text[kTraceBuffer];
     va_list args;
     va_start(args, format);
     std::vsnprintf(text, sizeof text, format, args);
     va_end(args);
-    // No lock: a handle the log is closing drops the line (a closed handle stays valid memory).
-    if (vex::LogHandle handle = g.log.load(std::memory_order_acquire)) {
-        imports().loglib_write(handle, level, 0, file, line, tag, text);
-    }
+    trace_text(level, file, line, tag, text);
+}
+
+void trace_exit(const char* file, int line, const char* tag, int rc) {
+    char text[32];  // the line is 27 characters at the most
+    *fmt::format_to(text, FMT_COMPILE("<<< EXIT >>> : 0x{:08x}"), static_cast<unsigned>(rc)) = '\0';
+    trace_text(SHMRM_LOG_FUNC, file, line, tag, text);
 }
 
 }  // namespace shmrm

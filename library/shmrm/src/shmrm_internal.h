@@ -87,6 +87,10 @@ inline bool trace_enabled(int level) {
 
 void trace_write(int level, const char* file, int line, const char* tag, const char* format, ...)
     SHMRM_PRINTF(5, 6);
+// A line whose text is given whole: nothing is formatted.
+void trace_text(int level, const char* file, int line, const char* tag, const char* text);
+// The EXIT line of a result: "<<< EXIT >>> : 0x%08lx".
+void trace_exit(const char* file, int line, const char* tag, int rc);
 
 // Traces one line; nothing is evaluated or formatted when the line would not be written.
 #define SHMRM_TRACE(level, tag, ...)                                                               \
@@ -131,8 +135,7 @@ class Call {
     }
     int exit(int rc, SourceLocation at = SourceLocation::current()) const {
         if (trace_enabled(SHMRM_LOG_FUNC))
-            trace_write(SHMRM_LOG_FUNC, base_name(at.file_name()), static_cast<int>(at.line()),
-                        tag_, "<<< EXIT >>> : 0x%08lx", static_cast<unsigned long>(rc));
+            trace_exit(base_name(at.file_name()), static_cast<int>(at.line()), tag_, rc);
         return rc;
     }
     // A failure: its message at the error level, then the EXIT line.
@@ -145,8 +148,7 @@ class Call {
   private:
     void line(int level, SourceLocation at, const char* text) const {
         if (trace_enabled(level))
-            trace_write(level, base_name(at.file_name()), static_cast<int>(at.line()), tag_, "%s",
-                        text);
+            trace_text(level, base_name(at.file_name()), static_cast<int>(at.line()), tag_, text);
     }
     const char* tag_;
 };
