@@ -16,8 +16,10 @@ foreach(kind IN LISTS VEX_SANITIZE)
   elseif(kind STREQUAL "fuzzer")
     add_compile_options(-fsanitize=fuzzer-no-link)
   elseif(kind STREQUAL "coverage")
-    add_compile_options(--coverage -O0)
-    add_link_options(--coverage)
+    # Threads of one test share the counters; atomic updates keep each block's count consistent
+    # with its arcs (racy ones can make gcov derive negative counts, which its readers reject).
+    add_compile_options(--coverage -fprofile-update=atomic -O0)
+    add_link_options(--coverage -fprofile-update=atomic)
   else()
     message(FATAL_ERROR "unknown VEX_SANITIZE entry: ${kind}")
   endif()
