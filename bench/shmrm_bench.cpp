@@ -888,7 +888,7 @@ void register_tracing() {
         [] {
             return [i = 0]() mutable {
                 ++i;
-                SHMRM_TRACE(SHMRM_LOG_FUNC, "_bench", "value:%d", i);
+                SHMRM_TRACE(SHMRM_LOG_FUNC, "_bench", "value:{}", i);
                 benchmark::DoNotOptimize(i);
             };
         });
@@ -923,7 +923,7 @@ void register_tracing() {
         [] {
             return [i = 0]() mutable {
                 ++i;
-                SHMRM_TRACE(SHMRM_LOG_ERROR, "_bench", "value:%d", i % 10);
+                SHMRM_TRACE(SHMRM_LOG_ERROR, "_bench", "value:{}", i % 10);
                 benchmark::DoNotOptimize(i);
             };
         });

@@ -32,7 +32,7 @@ int with_description(const Call& call, const char* grpname, const char* type, co
         if (found) field = found.rsc->descript;
     }
     if (field == nullptr) {
-        SHMRM_TRACE(SHMRM_LOG_ERROR, call.tag(), "type:%s,name:%s not found", type, name);
+        SHMRM_TRACE(SHMRM_LOG_ERROR, call.tag(), "type:{},name:{} not found", type, name);
         return call.exit(SHMRM_ERR_NOTFOUND);
     }
     act(field, n, monitor);
@@ -49,10 +49,8 @@ SHMRM_EXPORT int shmrm_getdescript(const char* grpname, const char* type, const 
     Call call("_getdescript");
     const int length = plen != nullptr && region() != nullptr ? *plen : 0;
     auto visit = [&](int slot, const rmrsc& rsc) {
-        SHMRM_TRACE(SHMRM_LOG_PARAM, call.tag(), "type:%s, prsc[%d].type:%.32s", type, slot,
-                    rsc.type);
-        SHMRM_TRACE(SHMRM_LOG_PARAM, call.tag(), "name:%s, prsc[%d].name:%.32s", name, slot,
-                    rsc.name);
+        SHMRM_TRACE(SHMRM_LOG_PARAM, call.tag(), "type:{}, prsc[{}].type:{}", type, slot, rsc.type);
+        SHMRM_TRACE(SHMRM_LOG_PARAM, call.tag(), "name:{}, prsc[{}].name:{}", name, slot, rsc.name);
     };
     const void* required = plen != nullptr ? static_cast<const void*>(buf) : nullptr;
     return with_description(call, grpname, type, name, required, length, visit,

@@ -29,7 +29,7 @@ SHMRM_INLINE int with_group(const char* tag, const char* grpname, bool args_ok, 
     const Groups groups = Groups::of(base);
     const int i = find_group(groups, Key(grpname));
     if (i < 0) {
-        SHMRM_TRACE(SHMRM_LOG_ERROR, tag, "name:%s not found", grpname);
+        SHMRM_TRACE(SHMRM_LOG_ERROR, tag, "name:{} not found", grpname);
         return call.exit(SHMRM_ERR_NOTFOUND);
     }
     act(*groups.at(i));
@@ -57,12 +57,12 @@ SHMRM_EXPORT int shmrm_addgrp(const char* grpname) {
     unsigned char* base = region();
     if (base == nullptr) return call.fail(SHMRM_ERR_NOTINIT, "not init");
     if (grpname == nullptr) return call.fail(SHMRM_ERR_PARAM, "invalid param");
-    SHMRM_TRACE(SHMRM_LOG_PARAM, call.tag(), "[in]grpname:%s", grpname);
+    SHMRM_TRACE(SHMRM_LOG_PARAM, call.tag(), "[in]grpname:{}", grpname);
     rmhead* h = head(base);
     const Groups groups = Groups::of(base);
     const int count = groups.count;
     if (count >= load(h->grpmax) || count < 0 || count >= groups.positions) {
-        SHMRM_TRACE(SHMRM_LOG_ERROR, call.tag(), "group count is over(%d)", count);
+        SHMRM_TRACE(SHMRM_LOG_ERROR, call.tag(), "group count is over({})", count);
         return call.exit(SHMRM_ERR_GRPOVER);
     }
     copy_text(groups.at(count)->name, grpname, SHMRM_NAME_LEN);
@@ -75,11 +75,11 @@ SHMRM_EXPORT int shmrm_rmgrp(const char* grpname) {
     unsigned char* base = region();
     if (base == nullptr) return call.fail(SHMRM_ERR_NOTINIT, "not init");
     if (grpname == nullptr) return call.fail(SHMRM_ERR_PARAM, "invalid param");
-    SHMRM_TRACE(SHMRM_LOG_PARAM, call.tag(), "[in]grpname:%s", grpname);
+    SHMRM_TRACE(SHMRM_LOG_PARAM, call.tag(), "[in]grpname:{}", grpname);
     const Groups groups = Groups::of(base);
     const int i = find_group(groups, Key(grpname));
     if (i < 0) {
-        SHMRM_TRACE(SHMRM_LOG_ERROR, call.tag(), "name:%s not found", grpname);
+        SHMRM_TRACE(SHMRM_LOG_ERROR, call.tag(), "name:{} not found", grpname);
         return call.exit(SHMRM_ERR_NOTFOUND);
     }
     remove_record(groups.first, groups.stride, i, groups.used);

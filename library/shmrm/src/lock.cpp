@@ -10,7 +10,7 @@ int take(const char* tag, unsigned timeout_ms) {
     unsigned r = im.wait_mutex(g.lock_handle, timeout_ms);
     if (r == vex::os::kWaitObject0 || r == vex::os::kWaitAbandoned) return call.exit(SHMRM_OK);
     // A time-out, or a wait that failed outright (no lock was obtained at load).
-    SHMRM_TRACE(SHMRM_LOG_ERROR, call.tag(), "WaitForSingleObject() failed(errno:%d)",
+    SHMRM_TRACE(SHMRM_LOG_ERROR, call.tag(), "WaitForSingleObject() failed(errno:{})",
                 static_cast<int>(im.last_error()));
     return call.exit(SHMRM_ERR_LOCK);
 }

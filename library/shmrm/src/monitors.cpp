@@ -43,7 +43,7 @@ SHMRM_INLINE int with_monitor(const char* tag, const char* type, const char* nam
     const Monitors monitors = Monitors::of(base);
     const int i = find_monitor(monitors, type, name);
     if (i < 0) {
-        SHMRM_TRACE(SHMRM_LOG_ERROR, tag, "type:%s,name:%s not found", Key::shown(type), name);
+        SHMRM_TRACE(SHMRM_LOG_ERROR, tag, "type:{},name:{} not found", Key::shown(type), name);
         return call.exit(SHMRM_ERR_NOTFOUND);
     }
     act(*monitors.at(i));
@@ -76,7 +76,7 @@ SHMRM_INLINE int with_progress(const char* tag, const char* type, const char* na
     const Monitors monitors = Monitors::of(base);
     const int i = find_monitor(monitors, type, name);
     if (i < 0) {
-        SHMRM_TRACE(SHMRM_LOG_ERROR, tag, "name:%s not found", name);
+        SHMRM_TRACE(SHMRM_LOG_ERROR, tag, "name:{} not found", name);
         return call.exit(SHMRM_ERR_NOTFOUND);
     }
     act(call, *monitors.at(i));
@@ -97,10 +97,10 @@ SHMRM_EXPORT int shmrm_addmon(const char* type, const char* name) {
     const Monitors monitors = Monitors::of(base);
     const int count = monitors.count;
     if (count >= load(h->monmax) || count < 0 || count >= monitors.positions) {
-        SHMRM_TRACE(SHMRM_LOG_ERROR, call.tag(), "monitor count is over(%d)", count);
+        SHMRM_TRACE(SHMRM_LOG_ERROR, call.tag(), "monitor count is over({})", count);
         return call.exit(SHMRM_ERR_MONOVER);
     }
-    SHMRM_TRACE(SHMRM_LOG_PARAM, call.tag(), "[in]type:%s, name:%s", type, name);
+    SHMRM_TRACE(SHMRM_LOG_PARAM, call.tag(), "[in]type:{}, name:{}", type, name);
     rmmon* mon = monitors.at(count);
     copy_text(mon->type, type, SHMRM_NAME_LEN);
     copy_text(mon->name, name, SHMRM_NAME_LEN);
@@ -113,11 +113,11 @@ SHMRM_EXPORT int shmrm_rmmon(const char* type, const char* name) {
     unsigned char* base = region();
     if (base == nullptr) return call.fail(SHMRM_ERR_NOTINIT, "not init");
     if (name == nullptr) return call.fail(SHMRM_ERR_PARAM, "invalid param");
-    SHMRM_TRACE(SHMRM_LOG_PARAM, call.tag(), "[in]type:%s, name:%s", shown(type), name);
+    SHMRM_TRACE(SHMRM_LOG_PARAM, call.tag(), "[in]type:{}, name:{}", shown(type), name);
     const Monitors monitors = Monitors::of(base);
     const int i = find_monitor(monitors, type, name);
     if (i < 0) {
-        SHMRM_TRACE(SHMRM_LOG_ERROR, call.tag(), "type:%s,name:%s not found", Key::shown(type),
+        SHMRM_TRACE(SHMRM_LOG_ERROR, call.tag(), "type:{},name:{} not found", Key::shown(type),
                     name);
         return call.exit(SHMRM_ERR_NOTFOUND);
     }
@@ -220,7 +220,7 @@ SHMRM_EXPORT int shmrm_getmoninfo(char* buf, const char* name) {
     const Monitors monitors = Monitors::of(base);
     const int i = find_monitor(monitors, nullptr, name);
     if (i < 0) {
-        SHMRM_TRACE(SHMRM_LOG_ERROR, call.tag(), "name:%s not found", name);
+        SHMRM_TRACE(SHMRM_LOG_ERROR, call.tag(), "name:{} not found", name);
         return call.exit(SHMRM_ERR_NOTFOUND);
     }
     if (buf != nullptr) copy_out(buf, monitors.at(i)->type, SHMRM_NAME_LEN);
@@ -242,7 +242,7 @@ SHMRM_EXPORT int shmrm_setmonprogress(const char* type, const char* name, int va
                 store(mon.tick4, 0u);
                 break;
             default:
-                SHMRM_TRACE(SHMRM_LOG_PARAM, call.tag(), "progress: %d", value);
+                SHMRM_TRACE(SHMRM_LOG_PARAM, call.tag(), "progress: {}", value);
                 break;
         }
         store(mon.progress, value);

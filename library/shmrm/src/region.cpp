@@ -44,7 +44,7 @@ void read_capacity(const Call& call, const char* key, int fallback, int* out) {
     int len = sizeof(int);
     int r = imports().xmllib_get_value(key, vex::kXmlTypeInt32, out, &len);
     if (r != 0) {
-        SHMRM_TRACE(SHMRM_LOG_ERROR, call.tag(), "xmllib_get_value(%s) failed(ret:%d)", key, r);
+        SHMRM_TRACE(SHMRM_LOG_ERROR, call.tag(), "xmllib_get_value({}) failed(ret:{})", key, r);
         *out = fallback;
     }
 }
@@ -59,7 +59,7 @@ int loadinfo(Capacities* caps) {
     }
     int r = im.xmllib_load_policy("all");
     if (r != 0) {
-        SHMRM_TRACE(SHMRM_LOG_ERROR, call.tag(), "xmllib_load_policy(all) failed(ret:%d)", r);
+        SHMRM_TRACE(SHMRM_LOG_ERROR, call.tag(), "xmllib_load_policy(all) failed(ret:{})", r);
         *caps = Capacities{128, 16, 128};
         return call.exit(SHMRM_OK);
     }
@@ -67,14 +67,14 @@ int loadinfo(Capacities* caps) {
     read_capacity(call, "/root/all/num/resource", 16, &caps->rscmax);
     read_capacity(call, "/root/all/num/monitor", 16, &caps->monmax);
     if ((r = im.xmllib_unload_policy("all")) != 0)
-        SHMRM_TRACE(SHMRM_LOG_ERROR, call.tag(), "xmllib_unload_policy(all) failed(ret:%d)", r);
+        SHMRM_TRACE(SHMRM_LOG_ERROR, call.tag(), "xmllib_unload_policy(all) failed(ret:{})", r);
     if ((r = im.xmllib_load_policy("shmrm")) != 0)
-        SHMRM_TRACE(SHMRM_LOG_ERROR, call.tag(), "xmllib_load_policy(shmrm) failed(ret:%d)", r);
+        SHMRM_TRACE(SHMRM_LOG_ERROR, call.tag(), "xmllib_load_policy(shmrm) failed(ret:{})", r);
     if ((r = im.xmllib_unload_policy("shmrm")) != 0)
-        SHMRM_TRACE(SHMRM_LOG_ERROR, call.tag(), "xmllib_unload_policy(shmrm) failed(ret:%d)", r);
+        SHMRM_TRACE(SHMRM_LOG_ERROR, call.tag(), "xmllib_unload_policy(shmrm) failed(ret:{})", r);
     if (region_bytes(*caps) < 0) {
         SHMRM_TRACE(SHMRM_LOG_ERROR, call.tag(),
-                    "invalid capacities(group:%d, resource:%d, monitor:%d)", caps->grpmax,
+                    "invalid capacities(group:{}, resource:{}, monitor:{})", caps->grpmax,
                     caps->rscmax, caps->monmax);
         return call.exit(SHMRM_ERR_PARAM);
     }
@@ -95,7 +95,7 @@ int prepare(Call& call, Capacities* caps) {
     call.enter();
     int r = loadinfo(caps);
     if (r != 0) {
-        SHMRM_TRACE(SHMRM_LOG_ERROR, call.tag(), "shmrm_loadinfo() failed(ret:%d)", r);
+        SHMRM_TRACE(SHMRM_LOG_ERROR, call.tag(), "shmrm_loadinfo() failed(ret:{})", r);
         call.exit(SHMRM_ERR_LOADINFO);
         im.xmllib_unload_config();
         im.xmllib_term();
@@ -103,9 +103,9 @@ int prepare(Call& call, Capacities* caps) {
         return SHMRM_ERR_LOADINFO;
     }
     if ((r = im.xmllib_unload_config()) != 0)
-        SHMRM_TRACE(SHMRM_LOG_ERROR, call.tag(), "xmllib_unload_config() failed(ret:%d)", r);
+        SHMRM_TRACE(SHMRM_LOG_ERROR, call.tag(), "xmllib_unload_config() failed(ret:{})", r);
     if ((r = im.xmllib_term()) != 0)
-        SHMRM_TRACE(SHMRM_LOG_ERROR, call.tag(), "xmllib_term() failed(ret:%d)", r);
+        SHMRM_TRACE(SHMRM_LOG_ERROR, call.tag(), "xmllib_term() failed(ret:{})", r);
     g.region_size.store(static_cast<int>(region_bytes(*caps)), std::memory_order_relaxed);
     return SHMRM_OK;
 }
@@ -119,14 +119,14 @@ int map_region(const Call& call, void** handle, const Capacities& caps, bool att
     if (view == nullptr) {
         const int error = static_cast<int>(im.last_error());
         if (attacher) {
-            SHMRM_TRACE(SHMRM_LOG_ERROR, call.tag(), "MapViewOfFile() failed(errno:%d)", error);
+            SHMRM_TRACE(SHMRM_LOG_ERROR, call.tag(), "MapViewOfFile() failed(errno:{})", error);
         } else {
-            SHMRM_TRACE(SHMRM_LOG_ERROR, call.tag(), "MapViewOfFile failed(errno:%d)", error);
+            SHMRM_TRACE(SHMRM_LOG_ERROR, call.tag(), "MapViewOfFile failed(errno:{})", error);
         }
     } else if (mapped < static_cast<std::size_t>(size)) {
         // Another process made the region for smaller capacities: using it would reach past
         // its end.
-        SHMRM_TRACE(SHMRM_LOG_ERROR, call.tag(), "region too small(mapped:%lld, size:%d)",
+        SHMRM_TRACE(SHMRM_LOG_ERROR, call.tag(), "region too small(mapped:{}, size:{})",
                     static_cast<long long>(mapped), size);
         im.unmap_view(view);
         view = nullptr;
@@ -165,8 +165,8 @@ void write_capacities(const Call& call, unsigned char* base, const Capacities& c
     if (!cleared && (found.grpmax != caps.grpmax || found.rscmax != caps.rscmax ||
                      found.monmax != caps.monmax)) {
         SHMRM_TRACE(SHMRM_LOG_WARNING, call.tag(),
-                    "region capacities(group:%d, resource:%d, monitor:%d) differ from the "
-                    "configured ones(group:%d, resource:%d, monitor:%d); the configured ones are "
+                    "region capacities(group:{}, resource:{}, monitor:{}) differ from the "
+                    "configured ones(group:{}, resource:{}, monitor:{}); the configured ones are "
                     "written",
                     found.grpmax, found.rscmax, found.monmax, caps.grpmax, caps.rscmax,
                     caps.monmax);
@@ -215,12 +215,12 @@ SHMRM_EXPORT int shmrm_create(void) {
             im.VexutilCreateNamedFileMapping(-1, 4, 0, static_cast<unsigned>(size), kMapName);
         error = im.last_error();
         if (g.create_handle != nullptr) break;
-        SHMRM_TRACE(SHMRM_LOG_ERROR, call.tag(), "VexutilCreateNamedFileMapping failed(errno:%d)",
+        SHMRM_TRACE(SHMRM_LOG_ERROR, call.tag(), "VexutilCreateNamedFileMapping failed(errno:{})",
                     static_cast<int>(error));
         im.sleep_ms(kAttemptPause);
     }
     if (g.create_handle == nullptr) {
-        SHMRM_TRACE(SHMRM_LOG_ERROR, call.tag(), "VexutilCreateNamedFileMapping failed(errno:%d)",
+        SHMRM_TRACE(SHMRM_LOG_ERROR, call.tag(), "VexutilCreateNamedFileMapping failed(errno:{})",
                     static_cast<int>(im.last_error()));
         call.exit(SHMRM_ERR_CREATEMAP);
         log_close();
@@ -235,7 +235,7 @@ SHMRM_EXPORT int shmrm_create(void) {
     }
     if (int r = map_region(call, &g.create_handle, caps, false); r != SHMRM_OK) return r;
     write_capacities(call, region(), caps);
-    SHMRM_TRACE(SHMRM_LOG_INFO, call.tag(), "SIZE:%d", size);
+    SHMRM_TRACE(SHMRM_LOG_INFO, call.tag(), "SIZE:{}", size);
     return call.exit(SHMRM_OK);
 }
 
@@ -255,7 +255,7 @@ SHMRM_EXPORT int shmrm_attach(void) {
     const Imports& im = imports();
     g.attach_handle = im.VexutilOpenNamedFileMapping(0xF001F, 1, kMapName);
     if (g.attach_handle == nullptr) {
-        SHMRM_TRACE(SHMRM_LOG_ERROR, call.tag(), "VexutilOpenNamedFileMapping() failed(errno:%d)",
+        SHMRM_TRACE(SHMRM_LOG_ERROR, call.tag(), "VexutilOpenNamedFileMapping() failed(errno:{})",
                     static_cast<int>(im.last_error()));
         call.exit(SHMRM_ERR_OPENMAP);
         log_close();
@@ -264,7 +264,7 @@ SHMRM_EXPORT int shmrm_attach(void) {
     if (int r = map_region(call, &g.attach_handle, caps, true); r != SHMRM_OK) return r;
     write_capacities(call, region(), caps);
     ++g.attach_count;
-    SHMRM_TRACE(SHMRM_LOG_INFO, call.tag(), "SIZE:%d",
+    SHMRM_TRACE(SHMRM_LOG_INFO, call.tag(), "SIZE:{}",
                 g.region_size.load(std::memory_order_relaxed));
     return call.exit(SHMRM_OK);
 }

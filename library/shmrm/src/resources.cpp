@@ -29,7 +29,7 @@ SHMRM_INLINE int with_resource(const char* tag, const char* grpname, const char*
     if (name == nullptr || !args_ok) return call.fail(SHMRM_ERR_PARAM, "invalid param");
     const Resource found = find_resource(base, grpname, type, name);
     if (!found) {
-        SHMRM_TRACE(SHMRM_LOG_ERROR, tag, "group:%s,type:%s,name:%s not found", Key::shown(grpname),
+        SHMRM_TRACE(SHMRM_LOG_ERROR, tag, "group:{},type:{},name:{} not found", Key::shown(grpname),
                     Key::shown(type), name);
         return call.exit(SHMRM_ERR_NOTFOUND);
     }
@@ -60,24 +60,24 @@ SHMRM_EXPORT int shmrm_addrsc(const char* grpname, const char* type, const char*
     if (base == nullptr) return call.fail(SHMRM_ERR_NOTINIT, "not init");
     if (grpname == nullptr || type == nullptr || name == nullptr)
         return call.fail(SHMRM_ERR_PARAM, "invalid param");
-    SHMRM_TRACE(SHMRM_LOG_PARAM, call.tag(), "[in]grpname:%s, type:%s, name:%s", grpname, type,
+    SHMRM_TRACE(SHMRM_LOG_PARAM, call.tag(), "[in]grpname:{}, type:{}, name:{}", grpname, type,
                 name);
     const Groups groups = Groups::of(base);
     const int i = find_group(groups, Key(grpname));
     if (i < 0) {
-        SHMRM_TRACE(SHMRM_LOG_ERROR, call.tag(), "grpname:%s not found", grpname);
+        SHMRM_TRACE(SHMRM_LOG_ERROR, call.tag(), "grpname:{} not found", grpname);
         return call.exit(SHMRM_ERR_NOTFOUND);
     }
     rmgrp* grp = groups.at(i);
     const int count = load(grp->rsccnt);
     if (count >= groups.rscmax || count < 0) {
-        SHMRM_TRACE(SHMRM_LOG_ERROR, call.tag(), "resource count is over(%d)", count);
+        SHMRM_TRACE(SHMRM_LOG_ERROR, call.tag(), "resource count is over({})", count);
         return call.exit(SHMRM_ERR_RSCOVER);
     }
     rmrsc* rsc = Groups::slot(grp, count);
     copy_text(rsc->type, type, SHMRM_NAME_LEN);
     copy_text(rsc->name, name, SHMRM_NAME_LEN);
-    SHMRM_TRACE(SHMRM_LOG_PARAM, call.tag(), "grpname:%s, type:%s, name:%s", grpname, rsc->type,
+    SHMRM_TRACE(SHMRM_LOG_PARAM, call.tag(), "grpname:{}, type:{}, name:{}", grpname, rsc->type,
                 rsc->name);
     store(grp->rsccnt, count + 1);
     return call.exit(SHMRM_OK);
@@ -88,11 +88,11 @@ SHMRM_EXPORT int shmrm_rmrsc(const char* grpname, const char* type, const char* 
     unsigned char* base = region();
     if (base == nullptr) return call.fail(SHMRM_ERR_NOTINIT, "not init");
     if (name == nullptr) return call.fail(SHMRM_ERR_PARAM, "invalid param");
-    SHMRM_TRACE(SHMRM_LOG_PARAM, call.tag(), "[in]grpname:%s, type:%s, name:%s", shown(grpname),
+    SHMRM_TRACE(SHMRM_LOG_PARAM, call.tag(), "[in]grpname:{}, type:{}, name:{}", shown(grpname),
                 shown(type), name);
     const Resource found = find_resource(base, grpname, type, name);
     if (!found) {
-        SHMRM_TRACE(SHMRM_LOG_ERROR, call.tag(), "grpname:%s,type:%s,name:%s not found",
+        SHMRM_TRACE(SHMRM_LOG_ERROR, call.tag(), "grpname:{},type:{},name:{} not found",
                     Key::shown(grpname), Key::shown(type), name);
         return call.exit(SHMRM_ERR_NOTFOUND);
     }
@@ -209,7 +209,7 @@ SHMRM_EXPORT int shmrm_getrscgrp(char* grpname, const char* type, const char* na
     if (name == nullptr || grpname == nullptr) return call.fail(SHMRM_ERR_PARAM, "invalid param");
     const Resource found = find_resource(base, nullptr, type, name);
     if (!found) {
-        SHMRM_TRACE(SHMRM_LOG_ERROR, call.tag(), "type:%s,name:%s not found", Key::shown(type),
+        SHMRM_TRACE(SHMRM_LOG_ERROR, call.tag(), "type:{},name:{} not found", Key::shown(type),
                     name);
         return call.exit(SHMRM_ERR_NOTFOUND);
     }
@@ -226,20 +226,20 @@ SHMRM_EXPORT int shmrm_getrscinfo(char* grpname, char* rsctype, const char* rscn
     const Resource found = find_resource(
         base, nullptr, nullptr, rscname,
         [&](int slot, const rmrsc& rsc) {
-            SHMRM_TRACE(SHMRM_LOG_PARAM, call.tag(), "rscname:%s, prsc[%d].name:%.32s", rscname,
-                        slot, rsc.name);
+            SHMRM_TRACE(SHMRM_LOG_PARAM, call.tag(), "rscname:{}, prsc[{}].name:{}", rscname, slot,
+                        rsc.name);
         },
         traced);
     if (!found) {
-        SHMRM_TRACE(SHMRM_LOG_ERROR, call.tag(), "name:%s not found", rscname);
+        SHMRM_TRACE(SHMRM_LOG_ERROR, call.tag(), "name:{} not found", rscname);
         return call.exit(SHMRM_ERR_NOTFOUND);
     }
     if (grpname != nullptr) {
-        SHMRM_TRACE(SHMRM_LOG_PARAM, call.tag(), "grpname:%.32s", found.group->name);
+        SHMRM_TRACE(SHMRM_LOG_PARAM, call.tag(), "grpname:{}", found.group->name);
         copy_out(grpname, found.group->name, SHMRM_NAME_LEN);
     }
     if (rsctype != nullptr) {
-        SHMRM_TRACE(SHMRM_LOG_PARAM, call.tag(), "typename:%.32s", found.rsc->type);
+        SHMRM_TRACE(SHMRM_LOG_PARAM, call.tag(), "typename:{}", found.rsc->type);
         copy_out(rsctype, found.rsc->type, SHMRM_NAME_LEN);
     }
     return call.exit(SHMRM_OK);

@@ -1,5 +1,4 @@
 // The library frame: load and unload, the process-local state, the module log and tracing.
-#include <cstdarg>
 #include <cstdio>
 #include <cstring>
 
@@ -17,7 +16,6 @@ constinit State g;
 namespace {
 constexpr int kDefaultLogLevel = SHMRM_LOG_INFO;
 constexpr int kDefaultLogSize = 1000000;
-constexpr int kTraceBuffer = 4096;
 }  // namespace
 
 bool load() {
@@ -90,15 +88,6 @@ void trace_text(int level, const char* file, int line, const char* tag, const ch
     if (vex::LogHandle handle = g.log.load(std::memory_order_acquire)) {
         imports().loglib_write(handle, level, 0, file, line, tag, text);
     }
-}
-
-void trace_write(int level, const char* file, int line, const char* tag, const char* format, ...) {
-    char text[kTraceBuffer];
-    va_list args;
-    va_start(args, format);
-    std::vsnprintf(text, sizeof text, format, args);
-    va_end(args);
-    trace_text(level, file, line, tag, text);
 }
 
 void trace_exit(const char* file, int line, const char* tag, int rc) {

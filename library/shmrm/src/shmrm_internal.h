@@ -3,6 +3,11 @@
 
 #include <atomic>
 #include <cstddef>
+#include <cstring>
+#include <string_view>
+#include <type_traits>
+
+#include <fmt/format.h>
 
 #include "imports.h"
 #include "os.h"
@@ -12,12 +17,6 @@
 #define SHMRM_EXPORT extern "C"
 #else
 #define SHMRM_EXPORT extern "C" __attribute__((visibility("default")))
-#endif
-
-#if defined(__GNUC__)
-#define SHMRM_PRINTF(f, a) __attribute__((format(printf, f, a)))
-#else
-#define SHMRM_PRINTF(f, a)
 #endif
 
 // An export's course, inlined into each export of an optimised build so that the member's field
@@ -85,18 +84,45 @@ inline bool trace_enabled(int level) {
     return level <= g.log_level.load(std::memory_order_relaxed);
 }
 
-void trace_write(int level, const char* file, int line, const char* tag, const char* format, ...)
-    SHMRM_PRINTF(5, 6);
 // A line whose text is given whole: nothing is formatted.
 void trace_text(int level, const char* file, int line, const char* tag, const char* text);
 // The EXIT line of a result: "<<< EXIT >>> : 0x%08lx".
 void trace_exit(const char* file, int line, const char* tag, int rc);
 
-// Traces one line; nothing is evaluated or formatted when the line would not be written.
-#define SHMRM_TRACE(level, tag, ...)                                                               \
-    do {                                                                                           \
-        if (::shmrm::trace_enabled(level))                                                         \
-            ::shmrm::trace_write(level, ::shmrm::base_name(__FILE__), __LINE__, tag, __VA_ARGS__); \
+inline constexpr std::size_t kTraceText = 4096;  // the longest text of a line
+
+// What a traced value shows: a caller's string as printf's %s would (a null one as "(null)"), a
+// name of the region up to its terminator or the end of its field, a number as it is.
+template <typename T>
+auto traced(const T& value) {
+    if constexpr (std::is_array_v<T>) {
+        const auto* end = static_cast<const char*>(std::memchr(value, '\0', std::extent_v<T>));
+        return end != nullptr ? std::string_view(value, static_cast<std::size_t>(end - value))
+                              : std::string_view(value, std::extent_v<T>);
+    } else if constexpr (std::is_pointer_v<T>) {
+        return value != nullptr ? std::string_view(value) : std::string_view("(null)");
+    } else {
+        return value;
+    }
+}
+
+// Formats a line's text. The format travels in its type (FMT_STRING), checked against the values
+// when the code is compiled. Kept out of line: the exports carry only the call.
+template <typename Format, typename... T>
+[[gnu::noinline]] void trace_format(int level, const char* file, int line, const char* tag, Format,
+                                    const T&... values) {
+    char text[kTraceText];
+    *fmt::format_to_n(text, sizeof text - 1, Format{}, traced(values)...).out = '\0';
+    trace_text(level, file, line, tag, text);
+}
+
+// Traces one line, its text given as a fmt format and its values; nothing is evaluated or
+// formatted when the line would not be written.
+#define SHMRM_TRACE(level, tag, format, ...)                                          \
+    do {                                                                              \
+        if (::shmrm::trace_enabled(level))                                            \
+            ::shmrm::trace_format(level, ::shmrm::base_name(__FILE__), __LINE__, tag, \
+                                  FMT_STRING(format) __VA_OPT__(, ) __VA_ARGS__);     \
     } while (0)
 
 constexpr const char* base_name(const char* path) {

@@ -130,7 +130,10 @@ bool append_is_current(AppendFile* file, const char* path) {
     return open_st.st_dev == path_st.st_dev && open_st.st_ino == path_st.st_ino;
 }
 
+// The target is removed first: a rename over an existing file makes ext4 write the renamed file's
+// data out at once (auto_da_alloc), which stalls the writer that rotates the log for a millisecond.
 bool rename_replace(const char* from, const char* to) {
+    ::unlink(to);
     return std::rename(from, to) == 0;
 }
 
