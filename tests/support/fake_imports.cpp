@@ -68,7 +68,7 @@ void log_open(const char* name, vex::LogHandle* h, int level, int size, int a, i
 }
 void log_write(vex::LogHandle h, int level, int reserved, const char* source, int line,
                const char* tag, const char* text) {
-    g_fake->lines.push_back(TraceLine{level, tag, text});
+    if (g_fake->keep_lines) g_fake->lines.push_back(TraceLine{level, tag, text});
     real().loglib_write(h, level, reserved, source, line, tag, text);
 }
 void log_close(vex::LogHandle h) {

@@ -46,6 +46,7 @@ class FakeImports {
     std::vector<std::string> xml_calls() const;
     std::vector<unsigned> pauses;
     std::vector<TraceLine> lines;  // every line written to the log, whatever its level
+    bool keep_lines = true;        // off where no one reads them (the fuzzer): no copies made
     int log_opens = 0;
     int log_closes = 0;
     int open_level = 0;  // level and size of the last loglib_open
