@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <climits>
+#include <cstddef>
 
 namespace shmrm {
 
@@ -10,15 +11,13 @@ int Groups::positions_for(std::size_t stride) {
     return static_cast<int>(std::min<std::size_t>(room / stride, INT_MAX));
 }
 
-// Keys are copied to locals so that they stay in registers through a scan.
-int find_group(const Groups& groups, const Key& key) {
-    const Key name = key;
+int find_group(const Groups& groups, const Key& name, int from) {
     if (name.impossible()) return -1;
-    const int used = groups.used;
-    for (int i = 0; i < used; ++i) {
-        if (name.matches(groups.at(i)->name)) return i;
-    }
-    return -1;
+    static_assert(offsetof(rmgrp, name) == 0);
+    return scan(groups.first, groups.stride, from, groups.used, offsetof(rmgrp, name), name.first(),
+                [&name](const char* rec) {
+                    return name.rest_matches(reinterpret_cast<const rmgrp*>(rec)->name);
+                });
 }
 
 int find_monitor(const Monitors& monitors, const char* type_key, const char* name_key) {
@@ -26,12 +25,13 @@ int find_monitor(const Monitors& monitors, const char* type_key, const char* nam
     if (name.impossible()) return -1;
     const Key type(type_key);
     if (type.impossible()) return -1;
-    const int used = monitors.used;
-    for (int i = 0; i < used; ++i) {
-        rmmon* mon = monitors.at(i);
-        if (name.matches(mon->name) && type.matches(mon->type)) return i;  // names differ more
-    }
-    return -1;
+    // Names differ more than types: the name's first word is the probe.
+    return scan(reinterpret_cast<const unsigned char*>(monitors.first), sizeof(rmmon), 0,
+                monitors.used, offsetof(rmmon, name), name.first(),
+                [&name, &type](const char* rec) {
+                    const rmmon* mon = reinterpret_cast<const rmmon*>(rec);
+                    return type.matches(mon->type) && name.rest_matches(mon->name);
+                });
 }
 
 }  // namespace shmrm

@@ -2,10 +2,12 @@
 // process mapped, the lookups, the name lists and the bounded text copies.
 #pragma once
 
+#include <algorithm>
 #include <bit>
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
+#include <type_traits>
 
 #include "shmrm_internal.h"
 
@@ -29,25 +31,37 @@ class Key {
             tail_ = word(s_ + at_);  // ends with the NUL
             mask_ = ~std::uint64_t{0};
         } else {
-            unsigned char bytes[8] = {};
-            for (std::size_t i = 0; i < len_; ++i)
-                bytes[i] = static_cast<unsigned char>(s_[i]);
-            tail_ = word(bytes);
+            tail_ = short_word(s_, len_);
             mask_ = first_bytes(len_ + 1);
         }
     }
     bool any() const { return s_ == nullptr; }
     bool impossible() const { return s_ != nullptr && len_ == SHMRM_NAME_LEN; }
-    bool matches(const char* field) const {
+    // The word compared first, by value: a scan copies it to locals, which stay in registers
+    // however the rest of the scan is compiled.
+    struct First {
+        std::size_t at;
+        std::uint64_t tail;
+        std::uint64_t mask;
+        // at + 8 <= 32: inside the field. A null key has no bytes that count (mask 0, at 0).
+        bool may_match(const char* field) const { return differs(field) == 0; }
+        // The bits of the first word where the field and the key differ: none when it may match.
+        std::uint64_t differs(const char* field) const { return (word(field + at) ^ tail) & mask; }
+    };
+    First first() const { return {at_, tail_, mask_}; }
+    // The rest of a match of a field whose first word agrees: the head, [0, at_), in words that
+    // start below at_. A word starting at o < at_ ends at o + 7 < at_ + 7 = len_, within the key;
+    // overlapping the first word is harmless. A key that cannot match (its first word agrees with
+    // every field) fails here.
+    bool rest_matches(const char* field) const {
         if (len_ == SHMRM_NAME_LEN) return false;
-        // at_ + 8 <= 32: inside the field. A null key has no bytes that count (mask_ 0, at_ 0).
-        if (((word(field + at_) ^ tail_) & mask_) != 0) return false;
-        // The head, [0, at_), in words that start below at_: a word starting at o < at_ ends
-        // at o + 7 < at_ + 7 = len_, within the key; overlapping the tail is harmless.
         for (std::size_t o = 0; o < at_; o += 8) {
             if (word(field + o) != word(s_ + o)) return false;
         }
         return true;
+    }
+    bool matches(const char* field) const {
+        return first().may_match(field) && rest_matches(field);
     }
     const char* str() const { return s_; }
     // A key for a not-found message: "-" for a null key.
@@ -58,6 +72,24 @@ class Key {
         std::uint64_t w;
         std::memcpy(&w, p, sizeof w);
         return w;
+    }
+    // The first n (0 to 6) characters of s as the first bytes of a word, the rest zero. Reads only
+    // those characters: two loads that overlap, of 4 or 2 bytes, where words are little-endian.
+    static std::uint64_t short_word(const char* s, std::size_t n) {
+        if constexpr (std::endian::native == std::endian::little) {
+            auto part = [s](std::size_t at, std::size_t size) {
+                std::uint32_t v = 0;
+                std::memcpy(&v, s + at, size);
+                return std::uint64_t{v};
+            };
+            if (n >= 4) return part(0, 4) | part(n - 4, 4) << (8 * (n - 4));
+            if (n >= 2) return part(0, 2) | part(n - 2, 2) << (8 * (n - 2));
+            return n == 1 ? part(0, 1) : 0;
+        } else {
+            unsigned char bytes[8] = {};
+            std::memcpy(bytes, s, n);
+            return word(bytes);
+        }
     }
     // The mask of the first n (1 to 7) bytes of an 8-byte word, in memory order.
     static std::uint64_t first_bytes(std::size_t n) {
@@ -154,8 +186,33 @@ struct Monitors {
     rmmon* at(int i) const { return first + i; }
 };
 
-// The position of the first group, in table order, whose name equals the key; -1 when none.
-int find_group(const Groups& groups, const Key& name);
+// The position of the first of `used` records, `stride` bytes apart from `first`, at or after
+// `from`, whose field at `offset` agrees with `probe` and which `confirm` (given the record) then
+// accepts; -1 when none. Four records a step, so that the loop's own count and compare are paid
+// once for four first words: almost every record of a scan is passed over on its first word.
+template <typename Confirm>
+int scan(const unsigned char* first, std::size_t stride, int from, int used, std::size_t offset,
+         Key::First probe, Confirm confirm) {
+    int i = from;
+    const char* field = reinterpret_cast<const char*>(first + std::size_t(i) * stride + offset);
+    auto hit = [&](const char* f) { return probe.may_match(f) && confirm(f - offset); };
+    for (; i + 4 <= used; i += 4, field += 4 * stride) {
+        if (probe.may_match(field) || probe.may_match(field + stride) ||
+            probe.may_match(field + 2 * stride) || probe.may_match(field + 3 * stride)) {
+            for (int k = 0; k < 4; ++k) {
+                if (hit(field + std::size_t(k) * stride)) return i + k;
+            }
+        }
+    }
+    for (; i < used; ++i, field += stride) {
+        if (hit(field)) return i;
+    }
+    return -1;
+}
+
+// The position of the first group, in table order from `from`, whose name equals the key; -1 when
+// none. Out of line, so that its loop has the registers to itself.
+int find_group(const Groups& groups, const Key& name, int from = 0);
 
 struct Resource {
     rmgrp* group = nullptr;
@@ -183,14 +240,28 @@ Resource find_resource(unsigned char* base, const char* group_key, const char* t
     const Key group(group_key), type(type_key);
     if (!visit_all && (group.impossible() || type.impossible())) return {};
     const Groups groups = Groups::of(base);
-    for (int i = 0; i < groups.used; ++i) {
+    const Key::First name_first = name.first(), type_first = type.first();
+    for (int i = find_group(groups, group); i >= 0; i = find_group(groups, group, i + 1)) {
         rmgrp* grp = groups.at(i);
-        if (!group.matches(grp->name)) continue;
         const int slots = groups.slots_used(grp);
-        for (int j = 0; j < slots; ++j) {
-            rmrsc* rsc = Groups::slot(grp, j);
-            visit(j, *rsc);
-            if (name.matches(rsc->name) && type.matches(rsc->type)) return {grp, rsc, j, slots};
+        if constexpr (std::is_same_v<Visit, NoVisit>) {
+            const int j =
+                scan(reinterpret_cast<const unsigned char*>(Groups::slot(grp, 0)), SHMRM_RSC_SIZE,
+                     0, slots, offsetof(rmrsc, name), name_first, [&](const char* rec) {
+                         const rmrsc* rsc = reinterpret_cast<const rmrsc*>(rec);
+                         return type_first.may_match(rsc->type) && name.rest_matches(rsc->name) &&
+                                type.rest_matches(rsc->type);
+                     });
+            if (j >= 0) return {grp, Groups::slot(grp, j), j, slots};
+        } else {
+            for (int j = 0; j < slots; ++j) {
+                rmrsc* rsc = Groups::slot(grp, j);
+                visit(j, *rsc);
+                if (name_first.may_match(rsc->name) && type_first.may_match(rsc->type) &&
+                    name.rest_matches(rsc->name) && type.rest_matches(rsc->type)) {
+                    return {grp, rsc, j, slots};
+                }
+            }
         }
     }
     return {};
