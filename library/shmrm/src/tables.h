@@ -300,6 +300,44 @@ inline void remove_record(unsigned char* first, std::size_t size, int i, int cou
     std::memset(first + std::size_t(count - 1) * size, 0, size);
 }
 
+// The length of a stored name: the characters before its NUL, all 32 of the field when it has
+// none. A word at a time where words are little-endian: the lowest byte flagged by the zero-byte
+// test is the first NUL (bytes above it may be flagged falsely; none below).
+inline std::size_t name_length(const char* field) {
+    if constexpr (std::endian::native != std::endian::little) {
+        return ::strnlen(field, SHMRM_NAME_LEN);
+    } else {
+        constexpr std::uint64_t ones = 0x0101010101010101, highs = 0x8080808080808080;
+        for (std::size_t at = 0; at < SHMRM_NAME_LEN; at += 8) {
+            std::uint64_t w;
+            std::memcpy(&w, field + at, sizeof w);
+            const std::uint64_t zeros = (w - ones) & ~w & highs;
+            if (zeros != 0) return at + static_cast<std::size_t>(std::countr_zero(zeros)) / 8;
+        }
+        return SHMRM_NAME_LEN;
+    }
+}
+
+// Copies n (0 to 32) bytes, as memcpy does, in two overlapping moves of a fixed size that the
+// compiler writes inline: a name list copies one short name after another.
+inline void copy_name(char* dst, const char* src, std::size_t n) {
+    auto two = [&](auto size) {
+        std::memcpy(dst, src, size);
+        std::memcpy(dst + n - size, src + n - size, size);
+    };
+    if (n >= 16) {
+        two(std::integral_constant<std::size_t, 16>());
+    } else if (n >= 8) {
+        two(std::integral_constant<std::size_t, 8>());
+    } else if (n >= 4) {
+        two(std::integral_constant<std::size_t, 4>());
+    } else if (n >= 2) {
+        two(std::integral_constant<std::size_t, 2>());
+    } else if (n == 1) {
+        *dst = *src;
+    }
+}
+
 // Writes a name list: every name and its NUL, then one more NUL (two when empty). A null buffer
 // asks for the size; a size below 2, or too small for the next name, gives SHMRM_ERR_BUFFER
 // with the size unchanged and the names so far in the buffer. `next` yields the name fields
@@ -309,7 +347,7 @@ int write_name_list(char* buf, int* psize, Next next) {
     if (buf == nullptr) {
         long long sum = 0;
         while (const char* name = next())
-            sum += static_cast<long long>(strnlen(name, SHMRM_NAME_LEN)) + 1;
+            sum += static_cast<long long>(name_length(name)) + 1;
         *psize = static_cast<int>((sum == 0 ? 1 : sum) + 1);
         return SHMRM_OK;
     }
@@ -317,9 +355,9 @@ int write_name_list(char* buf, int* psize, Next next) {
     if (size < 2) return SHMRM_ERR_BUFFER;
     long long used = 0;
     while (const char* name = next()) {
-        const std::size_t len = strnlen(name, SHMRM_NAME_LEN);
+        const std::size_t len = name_length(name);
         if (size < used + static_cast<long long>(len) + 2) return SHMRM_ERR_BUFFER;
-        std::memcpy(buf + used, name, len);
+        copy_name(buf + used, name, len);
         buf[used + static_cast<long long>(len)] = '\0';
         used += static_cast<long long>(len) + 1;
     }
