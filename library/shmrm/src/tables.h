@@ -24,7 +24,7 @@ namespace shmrm {
 // lies within its characters and NUL.
 class Key {
   public:
-    explicit Key(const char* s) : s_(s), len_(s ? ::strnlen(s, SHMRM_NAME_LEN) : 0) {
+    SHMRM_INLINE explicit Key(const char* s) : s_(s), len_(s ? ::strnlen(s, SHMRM_NAME_LEN) : 0) {
         if (s_ == nullptr || len_ == SHMRM_NAME_LEN) return;  // never compared
         if (len_ >= 7) {
             at_ = len_ - 7;
