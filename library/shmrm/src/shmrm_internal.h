@@ -38,12 +38,12 @@ inline constexpr const char* kLogName = "shmrm";
 // What this process mapped. Written before _prmhead is published and read after it is seen,
 // so an export that finds _prmhead set also sees a complete layout.
 struct Layout {
-    std::size_t mapped = 0;  // bytes of the view: the room every access stays inside
+    std::size_t mapped = 0;  // bytes of the view: every access stays inside them
     int grpmax = 0;          // capacities the region was sized with in this process
     int rscmax = 0;
     int monmax = 0;
     int group_positions = 0;    // whole group records of the sized stride after the header
-    int monitor_positions = 0;  // whole monitor records from _prmmon to the end of the room
+    int monitor_positions = 0;  // whole monitor records from _prmmon to the end of the view
 };
 
 inline constexpr int kNoTrace = -1;
