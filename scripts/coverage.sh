@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # Builds the coverage preset (gcov instrumentation), runs its whole test suite and reports the
-# coverage of the library's own sources, library/shmrm/ (src/ and platform/; platform/win32 is
-# not compiled on Linux and is left out). Fails when the lines or branches covered fall below
+# coverage of the library's own sources, library/shmrm/ (src/, standins/ and platform/;
+# platform/win32 is not compiled on Linux and is left out). Fails when the lines or branches covered fall below
 # the floor. The reports are written to build/coverage/coverage/ (index.html, summary.txt).
 #   scripts/coverage.sh
 set -euo pipefail

@@ -5,6 +5,7 @@
 #include <set>
 #include <string>
 #include <tuple>
+#include <vector>
 
 #include "shmrm_internal.h"
 #include "support/fake_imports.h"
@@ -103,7 +104,8 @@ TEST_F(FrameTest, TheLogIsOpenExactlyWhileTheRegionIsMapped) {
     EXPECT_TRUE(fake_.lines.empty());
 }
 
-// Without the region lock the library stays loaded, but nothing works.
+// Without the region lock the library stays loaded, but nothing works. A namespace that cannot
+// name objects leaves the lock unobtainable too: no object is made or removed under another name.
 TEST_F(FrameTest, ALoadWithoutTheRegionLockDisablesEveryExport) {
     struct Reload {
         ~Reload() {  // with the real imports, whatever happened
@@ -113,24 +115,37 @@ TEST_F(FrameTest, ALoadWithoutTheRegionLockDisablesEveryExport) {
             shmrm::set_imports(fake);
         }
     };
-    {
-        Reload reload;
-        shmrm::unload();
-        fake_.fail("VexutilCreateMutex");
-        ASSERT_FALSE(shmrm::load());
-        fake_.calls.clear();
-        EXPECT_EQ(shmrm_create(), SHMRM_ERR_NOTINIT);
-        EXPECT_EQ(shmrm_attach(), SHMRM_ERR_NOTINIT);
-        EXPECT_TRUE(fake_.xml_calls().empty());
-        EXPECT_EQ(shmrm_rolock(0), SHMRM_ERR_LOCK);
-        EXPECT_EQ(shmrm_rwlock(0), SHMRM_ERR_LOCK);
-        EXPECT_EQ(shmrm_rounlock(), SHMRM_ERR_LOCK);
-        EXPECT_EQ(shmrm_rwunlock(), SHMRM_ERR_LOCK);
+    const std::tuple<const char*, std::vector<std::string>> rows[] = {
+        {"VexutilLoadNamespace", {"VexutilLoadNamespace"}},
+        {"VexutilCreateMutex", {"VexutilLoadNamespace", "VexutilCreateMutex(oru_vexshmrm_lock)"}},
+    };
+    for (const auto& [failing, calls] : rows) {
+        SCOPED_TRACE(failing);
+        {
+            Reload reload;
+            shmrm::unload();
+            fake_.calls.clear();
+            fake_.fail(failing, 0, 87);
+            ASSERT_FALSE(shmrm::load());
+            EXPECT_EQ(fake_.calls, calls);
+            EXPECT_EQ(shmrm::imports().last_error(), 87u) << "as the load left it";
+            EXPECT_EQ(shmrm::g.lock_handle, nullptr);
+            fake_.calls.clear();
+            EXPECT_EQ(shmrm_create(), SHMRM_ERR_NOTINIT);
+            EXPECT_EQ(shmrm_attach(), SHMRM_ERR_NOTINIT);
+            EXPECT_TRUE(fake_.xml_calls().empty());
+            EXPECT_EQ(shmrm_rolock(0), SHMRM_ERR_LOCK);
+            EXPECT_EQ(shmrm_rwlock(0), SHMRM_ERR_LOCK);
+            EXPECT_EQ(shmrm_rounlock(), SHMRM_ERR_LOCK);
+            EXPECT_EQ(shmrm_rwunlock(), SHMRM_ERR_LOCK);
+        }
+        fake_.failures_.clear();
+        EXPECT_TRUE(shmrm::g.loaded);
+        EXPECT_EQ(shmrm_rolock(0), SHMRM_OK);
+        EXPECT_EQ(shmrm_rounlock(), SHMRM_OK);
+        EXPECT_EQ(shmrm_create(), SHMRM_OK);
+        EXPECT_EQ(shmrm_delete(), SHMRM_OK);
     }
-    EXPECT_TRUE(shmrm::g.loaded);
-    EXPECT_EQ(shmrm_rolock(0), SHMRM_OK);
-    EXPECT_EQ(shmrm_rounlock(), SHMRM_OK);
-    EXPECT_EQ(shmrm_create(), SHMRM_OK);
 }
 
 }  // namespace

@@ -165,11 +165,13 @@ TEST(Utility, RefusesArgumentsItCannotPassOn) {
     // A namespace too long for any name makes every name fail instead of being cut.
     const std::string ns = std::getenv("VEX_IPC_NAMESPACE") ? std::getenv("VEX_IPC_NAMESPACE") : "";
     vextest::set_env("VEX_IPC_NAMESPACE", std::string(300, 's'));
-    vex::VexutilLoadNamespace();
+    os::set_last_error(0);
+    EXPECT_EQ(vex::VexutilLoadNamespace(), 0) << "the loader says so";
+    EXPECT_EQ(os::last_error(), 87u);
     char full[1024];
     EXPECT_EQ(vex::VexutilObjectName("a", full, sizeof full), nullptr);
     vextest::set_env("VEX_IPC_NAMESPACE", ns);
-    vex::VexutilLoadNamespace();
+    EXPECT_NE(vex::VexutilLoadNamespace(), 0);
     EXPECT_EQ(vex::VexutilObjectName("a", full, sizeof full), ns + ".a");
 }
 

@@ -77,6 +77,10 @@ void log_close(vex::LogHandle h) {
     real().loglib_close(h);
 }
 
+int load_namespace() {
+    int r;
+    return failing("VexutilLoadNamespace", nullptr, &r) ? 0 : real().VexutilLoadNamespace();
+}
 void* create_mutex(int flags, const char* name) {
     int r;
     return failing("VexutilCreateMutex", name, &r) ? nullptr
@@ -153,11 +157,11 @@ bool release_mutex(void* mutex) {
 }
 
 const shmrm::Imports kFakeTable = {
-    xml_init,          xml_load_config, xml_load_policy, xml_get_value, xml_unload_policy,
-    xml_unload_config, xml_term,        log_open,        log_write,     log_close,
-    create_mutex,      install_path,    create_mapping,  open_mapping,  remove_unused,
-    map_view,          unmap_view,      close_handle,    last_error,    sleep_ms,
-    tick_count,        wait_mutex,      release_mutex,
+    xml_init,          xml_load_config, xml_load_policy, xml_get_value,  xml_unload_policy,
+    xml_unload_config, xml_term,        log_open,        log_write,      log_close,
+    load_namespace,    create_mutex,    install_path,    create_mapping, open_mapping,
+    remove_unused,     map_view,        unmap_view,      close_handle,   last_error,
+    sleep_ms,          tick_count,      wait_mutex,      release_mutex,
 };
 
 }  // namespace

@@ -1,5 +1,7 @@
 // The operating-system services vexshmrm and its stand-in libraries need, behind one interface.
-// posix/ and win32/ implement it; no other code knows which system it runs on.
+// posix/ implements what every POSIX system gives the same way and linux/ what is Linux's own (a
+// second POSIX system writes its own version of linux/'s files); win32/ implements it for Windows.
+// No other code knows which system it runs on.
 #pragma once
 
 #include <cstddef>
@@ -24,7 +26,7 @@ inline constexpr unsigned kInfinite = 0xFFFFFFFFu;
 unsigned last_error();
 void set_last_error(unsigned error);
 
-// Object names are non-empty, hold no '/' and have at most kObjectNameMax characters (the room
+// Object names are non-empty, hold no '/' and have at most kObjectNameMax characters (the space
 // a system's companion objects need is kept free on every system); other names are refused.
 inline constexpr std::size_t kObjectNameMax = 249;
 

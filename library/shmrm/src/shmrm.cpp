@@ -1,12 +1,10 @@
 // The library frame: load and unload, the process-local state, the module log and tracing.
-#include <cstdio>
 #include <cstring>
 
 #include <fmt/compile.h>
 #include <fmt/format.h>
 
 #include "shmrm_internal.h"
-#include "vexutil.h"
 #include "vexxml.h"
 
 namespace shmrm {
@@ -23,8 +21,13 @@ bool load() {
     g.log_lock.init();
     g.started = true;
     g.attach_count = 0;
-    vex::VexutilLoadNamespace();
     const Imports& im = imports();
+    // A namespace that cannot name objects leaves the region lock unobtainable.
+    if (im.VexutilLoadNamespace() == 0) {
+        g.lock_handle = nullptr;
+        g.loaded = false;
+        return false;
+    }
     g.lock_handle = im.VexutilCreateMutex(0, kLockName);
     g.loaded = g.lock_handle != nullptr;
     // A region whose holders all died is not kept for a process that may never come.
@@ -97,41 +100,3 @@ void trace_exit(const char* file, int line, const char* tag, int rc) {
 }
 
 }  // namespace shmrm
-
-#if defined(_WIN32)
-#include <windows.h>
-
-// The DLL's entry point. A process that cannot obtain the region lock does not get the library:
-// the load fails.
-extern "C" BOOL WINAPI DllMain(HINSTANCE /*module*/, DWORD reason, LPVOID /*reserved*/) {
-    switch (reason) {
-        case DLL_PROCESS_ATTACH:
-            if (shmrm::load()) return TRUE;
-            shmrm::unload();
-            return FALSE;
-        case DLL_PROCESS_DETACH:
-            // Also called after a refused attach, when there is nothing left to release.
-            shmrm::unload();
-            return TRUE;
-        default:
-            return TRUE;
-    }
-}
-#else
-namespace {
-
-__attribute__((constructor)) void on_load() {
-    if (!shmrm::load()) {
-        std::fprintf(stderr,
-                     "vexshmrm: the region lock \"%s\" cannot be obtained (error %u); every "
-                     "call will fail\n",
-                     shmrm::kLockName, shmrm::imports().last_error());
-    }
-}
-
-__attribute__((destructor)) void on_unload() {
-    shmrm::unload();
-}
-
-}  // namespace
-#endif

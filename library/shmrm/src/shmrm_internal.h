@@ -13,13 +13,15 @@
 #include "os.h"
 #include "vexshmrm.h"
 
-#if defined(_WIN32)
-#define SHMRM_EXPORT extern "C"
-#else
-#define SHMRM_EXPORT extern "C" __attribute__((visibility("default")))
+// How an export is made visible is the build's choice (SHMRM_EXPORT_VISIBILITY): where names are
+// exported by the list in vexshmrm.def it is empty; where everything is hidden by default it marks
+// the export visible, and the export list still decides which names leave the library.
+#if !defined(SHMRM_EXPORT_VISIBILITY)
+#error "the build defines SHMRM_EXPORT_VISIBILITY"
 #endif
+#define SHMRM_EXPORT extern "C" SHMRM_EXPORT_VISIBILITY
 
-// An export's course, inlined into each export of an optimised build so that the member's field
+// An export's body, inlined into each export of an optimised build so that the member's field
 // is a constant there. Unoptimised builds (debug, sanitizers, coverage) keep one copy.
 #if defined(__GNUC__) && defined(__OPTIMIZE__)
 #define SHMRM_INLINE inline __attribute__((always_inline))
@@ -36,12 +38,12 @@ inline constexpr const char* kLogName = "shmrm";
 // What this process mapped. Written before _prmhead is published and read after it is seen,
 // so an export that finds _prmhead set also sees a complete layout.
 struct Layout {
-    std::size_t mapped = 0;  // bytes of the view: the room every access stays inside
+    std::size_t mapped = 0;  // bytes of the view: every access stays inside them
     int grpmax = 0;          // capacities the region was sized with in this process
     int rscmax = 0;
     int monmax = 0;
     int group_positions = 0;    // whole group records of the sized stride after the header
-    int monitor_positions = 0;  // whole monitor records from _prmmon to the end of the room
+    int monitor_positions = 0;  // whole monitor records from _prmmon to the end of the view
 };
 
 inline constexpr int kNoTrace = -1;
@@ -71,7 +73,7 @@ struct State {
 
 extern constinit State g;
 
-// Library load and unload; the module constructor and destructor (or DllMain) call them.
+// Library load and unload; the module's entry point (platform/*/entry_*.cpp) calls them.
 // load returns false when the region lock cannot be obtained.
 bool load();
 void unload();

@@ -9,7 +9,9 @@ namespace vex {
 
 inline constexpr int kInstallPathMax = 1024;
 
-void VexutilLoadNamespace();
+// Non-zero when the namespace can name objects (or none is set); otherwise every name built from
+// it fails, and the last error is 87 (invalid parameter).
+int VexutilLoadNamespace();
 // The full object name for a base name, or nullptr when it does not fit buf.
 const char* VexutilObjectName(const char* base, char* buf, int size);
 

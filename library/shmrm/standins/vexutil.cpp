@@ -25,13 +25,16 @@ bool g_namespace_unusable = false;
 
 }  // namespace
 
-void VexutilLoadNamespace() {
+int VexutilLoadNamespace() {
     g_namespace[0] = '\0';
     g_namespace_unusable = false;
     const char* ns = std::getenv("VEX_IPC_NAMESPACE");
-    if (ns == nullptr) return;
+    if (ns == nullptr) return 1;
     int n = std::snprintf(g_namespace, sizeof g_namespace, "%s.", ns);
     g_namespace_unusable = n < 0 || n >= static_cast<int>(sizeof g_namespace);
+    if (!g_namespace_unusable) return 1;
+    os::set_last_error(87);  // invalid parameter, as every name built from it
+    return 0;
 }
 
 const char* VexutilObjectName(const char* base, char* buf, int size) {

@@ -17,6 +17,7 @@ const Imports kSystemImports = {
     vex::loglib_open,
     vex::loglib_write,
     vex::loglib_close,
+    vex::VexutilLoadNamespace,
     vex::VexutilCreateMutex,
     vex::VexutilGetInstallPath,
     vex::VexutilCreateNamedFileMapping,

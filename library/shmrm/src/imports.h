@@ -30,6 +30,7 @@ struct Imports {
     void (*loglib_close)(vex::LogHandle handle);
 
     // Utility library
+    int (*VexutilLoadNamespace)();
     void* (*VexutilCreateMutex)(int flags, const char* name);
     int (*VexutilGetInstallPath)(char* buf, int size);
     void* (*VexutilCreateNamedFileMapping)(std::intptr_t file, unsigned protect, unsigned size_high,
