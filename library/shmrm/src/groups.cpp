@@ -1,5 +1,6 @@
 // The group table: add, remove, list, and the attributes of a group found by its name.
 #include "tables.h"
+#include "vexshmrm_schema.h"
 
 namespace shmrm {
 namespace {
@@ -11,12 +12,6 @@ struct GroupField {
     const char* get_tag;
     const char* set_tag;
 };
-
-constexpr GroupField<int> kStat{&rmgrp::stat, "_getgrpstat", "_setgrpstat"};
-constexpr GroupField<int> kEnv{&rmgrp::env, "_getgrpenv", "_setgrpenv"};
-constexpr GroupField<unsigned short> kFlag{&rmgrp::flag, "_getgrpflag", "_setgrpflag"};
-constexpr GroupField<int> kRetrycnt{&rmgrp::retrycnt, "_getgrpretrycnt", "_setgrpretrycnt"};
-constexpr GroupField<int> kFocnt{&rmgrp::focnt, "_getgrpfocnt", "_setgrpfocnt"};
 
 // The course of every attribute export: the region, the arguments, the group by its name,
 // then `act` on the group found.
@@ -99,36 +94,18 @@ SHMRM_EXPORT int shmrm_enumgrp(char* buf, int* psize) {
     }));
 }
 
-SHMRM_EXPORT int shmrm_getgrpstat(const char* grpname, int* pvalue) {
-    return get(kStat, grpname, pvalue);
-}
-SHMRM_EXPORT int shmrm_setgrpstat(const char* grpname, int value) {
-    return set(kStat, grpname, value);
-}
-SHMRM_EXPORT int shmrm_getgrpenv(const char* grpname, int* pvalue) {
-    return get(kEnv, grpname, pvalue);
-}
-SHMRM_EXPORT int shmrm_setgrpenv(const char* grpname, int value) {
-    return set(kEnv, grpname, value);
-}
-SHMRM_EXPORT int shmrm_getgrpflag(const char* grpname, unsigned short* pvalue) {
-    return get(kFlag, grpname, pvalue);
-}
-SHMRM_EXPORT int shmrm_setgrpflag(const char* grpname, unsigned short value) {
-    return set(kFlag, grpname, value);
-}
-SHMRM_EXPORT int shmrm_getgrpretrycnt(const char* grpname, int* pvalue) {
-    return get(kRetrycnt, grpname, pvalue);
-}
-SHMRM_EXPORT int shmrm_setgrpretrycnt(const char* grpname, int value) {
-    return set(kRetrycnt, grpname, value);
-}
-SHMRM_EXPORT int shmrm_getgrpfocnt(const char* grpname, int* pvalue) {
-    return get(kFocnt, grpname, pvalue);
-}
-SHMRM_EXPORT int shmrm_setgrpfocnt(const char* grpname, int value) {
-    return set(kFocnt, grpname, value);
-}
+// The integer attributes: a getter and a setter for each word row of the schema.
+#define SHMRM_GROUP_WORD(field, shape, field_type, get_type, set_type, getter, setter, get_tag,   \
+                         set_tag)                                                                 \
+    SHMRM_IF_WORD(                                                                                \
+        shape,                                                                                    \
+        SHMRM_EXPORT int shmrm_##getter(const char* grpname, get_type* pvalue) {                  \
+            return get(GroupField<field_type>{&rmgrp::field, get_tag, set_tag}, grpname, pvalue); \
+        } SHMRM_EXPORT int shmrm_##setter(const char* grpname, set_type value) {                  \
+            return set(GroupField<field_type>{&rmgrp::field, get_tag, set_tag}, grpname, value);  \
+        })
+SHMRM_GROUP_ATTRIBUTES(SHMRM_GROUP_WORD)
+#undef SHMRM_GROUP_WORD
 
 // The text attribute: read with its NUL, written cut to 255 characters and NUL-padded.
 SHMRM_EXPORT int shmrm_getgrpsv(const char* grpname, char* buf) {

@@ -1,6 +1,7 @@
 // The monitor table: add, remove, list, the attributes of a monitor found by type and name,
 // the search by name alone, and the progress step with its tick stamps.
 #include "tables.h"
+#include "vexshmrm_schema.h"
 
 namespace shmrm {
 namespace {
@@ -13,23 +14,6 @@ struct MonitorField {
     const char* get_tag;
     const char* set_tag;
 };
-
-using Word = MonitorField<int>;
-using Counter = MonitorField<short>;
-
-constexpr Word kStat{&rmmon::stat, "_getmonstat", "_setmonstat"};
-constexpr Word kFo{&rmmon::fo, "_getmonfo", "_setmonfo"};
-constexpr Word kProc{&rmmon::proc, "_getmonproc", "_setmonproc"};
-constexpr Word kInst{&rmmon::inst, "_getmoninst", "_setmoninstruct"};
-constexpr Word kInstdata{&rmmon::instdata, "shmrm_getmoninstdata", "shmrm_setmoninstdata"};
-constexpr Counter kScriptcnt{&rmmon::scriptcnt, "_getmonscriptcnt", "_setmonscriptcnt"};
-constexpr Counter kRestartcnt{&rmmon::restartcnt, "shmrm_getmonrestartcnt",
-                              "shmrm_setmonrestartcnt"};
-constexpr Counter kFinactcnt{&rmmon::finactcnt, "shmrm_getmonfinactcnt", "shmrm_setmonfinactcnt"};
-constexpr Word kSimuflag{&rmmon::simuflag, "_getmonsimuflag", "_setmonsimuflag"};
-constexpr Word kTargetpid{&rmmon::targetpid, "_gettargetpid", "_settargetpid"};
-constexpr Word kRet{&rmmon::ret, "shmrm_getmonret", "shmrm_setmonret"};
-constexpr Word kParentpid{&rmmon::parentpid, "_getparentpid", "_setparentpid"};
 
 // The course of every attribute export: the region, the arguments, the monitor lookup, then
 // `act` on the monitor found.
@@ -139,78 +123,20 @@ SHMRM_EXPORT int shmrm_enummon(char* buf, int* psize) {
     }));
 }
 
-SHMRM_EXPORT int shmrm_getmonstat(const char* type, const char* name, int* pvalue) {
-    return get(kStat, type, name, pvalue);
-}
-SHMRM_EXPORT int shmrm_setmonstat(const char* type, const char* name, int value) {
-    return set(kStat, type, name, value);
-}
-SHMRM_EXPORT int shmrm_getmonfo(const char* type, const char* name, int* pvalue) {
-    return get(kFo, type, name, pvalue);
-}
-SHMRM_EXPORT int shmrm_setmonfo(const char* type, const char* name, int value) {
-    return set(kFo, type, name, value);
-}
-SHMRM_EXPORT int shmrm_getmonproc(const char* type, const char* name, int* pvalue) {
-    return get(kProc, type, name, pvalue);
-}
-SHMRM_EXPORT int shmrm_setmonproc(const char* type, const char* name, int value) {
-    return set(kProc, type, name, value);
-}
-SHMRM_EXPORT int shmrm_getmoninst(const char* type, const char* name, int* pvalue) {
-    return get(kInst, type, name, pvalue);
-}
-SHMRM_EXPORT int shmrm_setmoninst(const char* type, const char* name, int value) {
-    return set(kInst, type, name, value);
-}
-SHMRM_EXPORT int shmrm_getmoninstdata(const char* type, const char* name, int* pvalue) {
-    return get(kInstdata, type, name, pvalue);
-}
-SHMRM_EXPORT int shmrm_setmoninstdata(const char* type, const char* name, int value) {
-    return set(kInstdata, type, name, value);
-}
-SHMRM_EXPORT int shmrm_getmonscriptcnt(const char* type, const char* name, int* pvalue) {
-    return get(kScriptcnt, type, name, pvalue);
-}
-SHMRM_EXPORT int shmrm_setmonscriptcnt(const char* type, const char* name, short value) {
-    return set(kScriptcnt, type, name, value);
-}
-SHMRM_EXPORT int shmrm_getmonrestartcnt(const char* type, const char* name, int* pvalue) {
-    return get(kRestartcnt, type, name, pvalue);
-}
-SHMRM_EXPORT int shmrm_setmonrestartcnt(const char* type, const char* name, short value) {
-    return set(kRestartcnt, type, name, value);
-}
-SHMRM_EXPORT int shmrm_getmonfinactcnt(const char* type, const char* name, int* pvalue) {
-    return get(kFinactcnt, type, name, pvalue);
-}
-SHMRM_EXPORT int shmrm_setmonfinactcnt(const char* type, const char* name, short value) {
-    return set(kFinactcnt, type, name, value);
-}
-SHMRM_EXPORT int shmrm_getmonsimuflag(const char* type, const char* name, int* pvalue) {
-    return get(kSimuflag, type, name, pvalue);
-}
-SHMRM_EXPORT int shmrm_setmonsimuflag(const char* type, const char* name, int value) {
-    return set(kSimuflag, type, name, value);
-}
-SHMRM_EXPORT int shmrm_gettargetpid(const char* type, const char* name, int* pvalue) {
-    return get(kTargetpid, type, name, pvalue);
-}
-SHMRM_EXPORT int shmrm_settargetpid(const char* type, const char* name, int value) {
-    return set(kTargetpid, type, name, value);
-}
-SHMRM_EXPORT int shmrm_getmonret(const char* type, const char* name, int* pvalue) {
-    return get(kRet, type, name, pvalue);
-}
-SHMRM_EXPORT int shmrm_setmonret(const char* type, const char* name, int value) {
-    return set(kRet, type, name, value);
-}
-SHMRM_EXPORT int shmrm_getparentpid(const char* type, const char* name, int* pvalue) {
-    return get(kParentpid, type, name, pvalue);
-}
-SHMRM_EXPORT int shmrm_setparentpid(const char* type, const char* name, int value) {
-    return set(kParentpid, type, name, value);
-}
+// The integer attributes: a getter and a setter for each word row of the schema.
+#define SHMRM_MONITOR_WORD(field, shape, field_type, get_type, set_type, getter, setter, get_tag, \
+                           set_tag)                                                               \
+    SHMRM_IF_WORD(                                                                                \
+        shape,                                                                                    \
+        SHMRM_EXPORT int shmrm_##getter(const char* type, const char* name, get_type* pvalue) {   \
+            return get(MonitorField<field_type>{&rmmon::field, get_tag, set_tag}, type, name,     \
+                       pvalue);                                                                   \
+        } SHMRM_EXPORT int shmrm_##setter(const char* type, const char* name, set_type value) {   \
+            return set(MonitorField<field_type>{&rmmon::field, get_tag, set_tag}, type, name,     \
+                       value);                                                                    \
+        })
+SHMRM_MONITOR_ATTRIBUTES(SHMRM_MONITOR_WORD)
+#undef SHMRM_MONITOR_WORD
 
 SHMRM_EXPORT int shmrm_getmoninfo(char* buf, const char* name) {
     Call call("_getmoninfo");

@@ -1,6 +1,7 @@
 // The resource slots of the groups: add, remove, list, the attributes of a resource found by
 // group, type and name, and the searches for a resource whose group the caller does not know.
 #include "tables.h"
+#include "vexshmrm_schema.h"
 
 namespace shmrm {
 namespace {
@@ -12,11 +13,6 @@ struct ResourceWord {
     const char* get_tag;
     const char* set_tag;
 };
-
-constexpr ResourceWord kStat{&rmrsc::stat, "_getrscstat", "_setrscstat"};
-constexpr ResourceWord kFocnt{&rmrsc::focnt, "_getrscfocnt", "_setrscfocnt"};
-constexpr ResourceWord kStrtret{&rmrsc::strtret, "_getrscstrtret", "_setrscstrtret"};
-constexpr ResourceWord kStopret{&rmrsc::stopret, "_getrscstopret", "_setrscstopret"};
 
 // The course of every attribute export: the region, the arguments (`name` and what `args_ok`
 // says), the resource lookup, then `act` on the resource found.
@@ -132,38 +128,21 @@ SHMRM_EXPORT int shmrm_enumrsc(const char* grpname, char* buf, int* psize) {
     return call.exit(write_name_list(buf, psize, next));
 }
 
-SHMRM_EXPORT int shmrm_getrscstat(const char* grpname, const char* type, const char* name,
-                                  int* pvalue) {
-    return get(kStat, grpname, type, name, pvalue);
-}
-SHMRM_EXPORT int shmrm_setrscstat(const char* grpname, const char* type, const char* name,
-                                  int value) {
-    return set(kStat, grpname, type, name, value);
-}
-SHMRM_EXPORT int shmrm_getrscfocnt(const char* grpname, const char* type, const char* name,
-                                   int* pvalue) {
-    return get(kFocnt, grpname, type, name, pvalue);
-}
-SHMRM_EXPORT int shmrm_setrscfocnt(const char* grpname, const char* type, const char* name,
-                                   int value) {
-    return set(kFocnt, grpname, type, name, value);
-}
-SHMRM_EXPORT int shmrm_getrscstrtret(const char* grpname, const char* type, const char* name,
-                                     int* pvalue) {
-    return get(kStrtret, grpname, type, name, pvalue);
-}
-SHMRM_EXPORT int shmrm_setrscstrtret(const char* grpname, const char* type, const char* name,
-                                     int value) {
-    return set(kStrtret, grpname, type, name, value);
-}
-SHMRM_EXPORT int shmrm_getrscstopret(const char* grpname, const char* type, const char* name,
-                                     int* pvalue) {
-    return get(kStopret, grpname, type, name, pvalue);
-}
-SHMRM_EXPORT int shmrm_setrscstopret(const char* grpname, const char* type, const char* name,
-                                     int value) {
-    return set(kStopret, grpname, type, name, value);
-}
+// The integer attributes: a getter and a setter for each word row of the schema.
+#define SHMRM_RESOURCE_WORD(field, shape, field_type, get_type, set_type, getter, setter, get_tag, \
+                            set_tag)                                                               \
+    SHMRM_IF_WORD(                                                                                 \
+        shape,                                                                                     \
+        SHMRM_EXPORT int shmrm_##getter(const char* grpname, const char* type, const char* name,   \
+                                        get_type* pvalue) {                                        \
+            return get(ResourceWord{&rmrsc::field, get_tag, set_tag}, grpname, type, name,         \
+                       pvalue);                                                                    \
+        } SHMRM_EXPORT int shmrm_##setter(const char* grpname, const char* type, const char* name, \
+                                          set_type value) {                                        \
+            return set(ResourceWord{&rmrsc::field, get_tag, set_tag}, grpname, type, name, value); \
+        })
+SHMRM_RESOURCE_ATTRIBUTES(SHMRM_RESOURCE_WORD)
+#undef SHMRM_RESOURCE_WORD
 
 SHMRM_EXPORT int shmrm_getrscsv(const char* grpname, const char* type, const char* name,
                                 char* buf) {
