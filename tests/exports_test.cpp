@@ -12,6 +12,9 @@
 #include <regex>
 #include <set>
 #include <string>
+#include <vector>
+
+#include "vexshmrm_schema.h"
 
 namespace {
 
@@ -60,6 +63,24 @@ TEST(Exports, DefListsEightyTwoFunctionsWithOrdinalsOneToEightyTwo) {
     EXPECT_EQ(exports["shmrm_create"], 1);
     EXPECT_EQ(exports["shmrm_rolock"], 43);
     EXPECT_EQ(exports["shmrm_clear"], 82);
+}
+
+// Every attribute of the schema is read and written by exports of the list: a row added to the
+// schema without its two lines in the .def (or with a misspelt export) fails here.
+TEST(Exports, EverySchemaRowHasItsGetterAndSetterInTheDef) {
+    std::vector<std::string> named;
+#define VEXTEST_ROW(name, shape, ft, gt, st, getter, setter, ...) \
+    named.push_back("shmrm_" #getter);                            \
+    named.push_back("shmrm_" #setter);
+    SHMRM_HEADER_ATTRIBUTES(VEXTEST_ROW)
+    SHMRM_GROUP_ATTRIBUTES(VEXTEST_ROW)
+    SHMRM_RESOURCE_ATTRIBUTES(VEXTEST_ROW)
+    SHMRM_MONITOR_ATTRIBUTES(VEXTEST_ROW)
+#undef VEXTEST_ROW
+    const auto exports = def_exports();
+    EXPECT_EQ(named.size(), 2u * (4 + 6 + 7 + 14));
+    for (const std::string& name : named)
+        EXPECT_TRUE(exports.count(name)) << name;
 }
 
 #if defined(_WIN32)

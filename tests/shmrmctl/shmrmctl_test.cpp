@@ -7,9 +7,11 @@
 #include <filesystem>
 #include <fstream>
 #include <nlohmann/json.hpp>
+
 #include <sstream>
 #include <string>
 #include <vector>
+#include "vexshmrm_schema.h"
 
 #if defined(_WIN32)
 #include <fcntl.h>
@@ -395,6 +397,49 @@ TEST(ShmrmctlAlone, DemoOnceRunsToTheEndAndLeavesNothingBehind) {
     const Result gone = shmrmctl({"status"}, {"VEX_IPC_NAMESPACE=" + ns});
     EXPECT_NE(gone.err.find("(no region: is a node running?)"), std::string::npos) << gone.err;
     EXPECT_FALSE(install.empty() || std::filesystem::exists(install)) << install;
+}
+
+// Every integer attribute of the schema, written with `set` and read back from `status --json`,
+// each with a value of its own: a row wired to another row's export shows a wrong value here.
+TEST_F(Shmrmctl, EveryIntegerAttributeRoundTripsThroughSetAndStatus) {
+    ASSERT_EQ(shmrm_addgrp("g"), 0);
+    ASSERT_EQ(shmrm_addrsc("g", "t", "r"), 0);
+    ASSERT_EQ(shmrm_addmon("t", "m"), 0);
+    struct Row {
+        std::vector<std::string> args;  // the set command's words before the value
+        std::string pointer;            // where status shows the attribute
+    };
+    std::vector<Row> rows;
+    std::vector<std::string> keys;
+    std::string at;
+    auto add = [&](const char* name) {
+        std::vector<std::string> args = {"set"};
+        args.insert(args.end(), keys.begin(), keys.end());
+        args.push_back(name);
+        rows.push_back({args, at + name});
+    };
+#define VEXTEST_WORD(name, shape, ...) SHMRM_IF_WORD(shape, add(#name);)
+    keys = {"header"}, at = "/header/";
+    SHMRM_HEADER_ATTRIBUTES(VEXTEST_WORD)
+    keys = {"group", "g"}, at = "/groups/0/";
+    SHMRM_GROUP_ATTRIBUTES(VEXTEST_WORD)
+    keys = {"resource", "g", "t", "r"}, at = "/groups/0/resources/0/";
+    SHMRM_RESOURCE_ATTRIBUTES(VEXTEST_WORD)
+    keys = {"monitor", "t", "m"}, at = "/monitors/0/";
+    SHMRM_MONITOR_ATTRIBUTES(VEXTEST_WORD)
+#undef VEXTEST_WORD
+    ASSERT_EQ(rows.size(), 3u + 5 + 4 + 12);
+    for (std::size_t i = 0; i < rows.size(); ++i) {
+        std::vector<std::string> args = rows[i].args;
+        args.push_back(std::to_string(100 + i));
+        const Result r = shmrmctl(args);
+        EXPECT_EQ(r.status, 0) << rows[i].pointer << ": " << r.err;
+    }
+    const json j = parse(shmrmctl({"status", "--json"}));
+    for (std::size_t i = 0; i < rows.size(); ++i) {
+        EXPECT_EQ(j.value(json::json_pointer(rows[i].pointer), json()), 100 + static_cast<int>(i))
+            << rows[i].pointer;
+    }
 }
 
 }  // namespace

@@ -10,6 +10,7 @@
 
 #include "render.h"
 #include "vexshmrm.h"
+#include "vexshmrm_schema.h"
 
 namespace shmrmctl {
 
@@ -52,43 +53,27 @@ struct Attribute {
     const char* set_name;
 };
 
-#define SHMRMCTL_PAIR(getter, setter) getter, #getter, setter, #setter
+// The rows of the records' schema, each onto its getter and setter.
+#define SHMRMCTL_ROW(kind, name, getter, setter) \
+    {kind, #name, shmrm_##getter, "shmrm_" #getter, shmrm_##setter, "shmrm_" #setter},
+#define SHMRMCTL_HEADER(name, shape, ft, gt, st, getter, setter, ...) \
+    SHMRMCTL_ROW(Kind::kHeader, name, getter, setter)
+#define SHMRMCTL_GROUP(name, shape, ft, gt, st, getter, setter, ...) \
+    SHMRMCTL_ROW(Kind::kGroup, name, getter, setter)
+#define SHMRMCTL_RESOURCE(name, shape, ft, gt, st, getter, setter, ...) \
+    SHMRMCTL_ROW(Kind::kResource, name, getter, setter)
+#define SHMRMCTL_MONITOR(name, shape, ft, gt, st, getter, setter, ...) \
+    SHMRMCTL_ROW(Kind::kMonitor, name, getter, setter)
 
 const Attribute kAttributes[] = {
-    {Kind::kHeader, "acstat", SHMRMCTL_PAIR(shmrm_getacstat, shmrm_setacstat)},
-    {Kind::kHeader, "acstat2", SHMRMCTL_PAIR(shmrm_getacstat2, shmrm_setacstat2)},
-    {Kind::kHeader, "pow32port", SHMRMCTL_PAIR(shmrm_getpow32port, shmrm_setpow32port)},
-    {Kind::kHeader, "maxvalue", SHMRMCTL_PAIR(shmrm_getmaxvalue, shmrm_setmaxvalue)},
-    {Kind::kGroup, "stat", SHMRMCTL_PAIR(shmrm_getgrpstat, shmrm_setgrpstat)},
-    {Kind::kGroup, "sv", SHMRMCTL_PAIR(shmrm_getgrpsv, shmrm_setgrpsv)},
-    {Kind::kGroup, "env", SHMRMCTL_PAIR(shmrm_getgrpenv, shmrm_setgrpenv)},
-    {Kind::kGroup, "flag", SHMRMCTL_PAIR(shmrm_getgrpflag, shmrm_setgrpflag)},
-    {Kind::kGroup, "retrycnt", SHMRMCTL_PAIR(shmrm_getgrpretrycnt, shmrm_setgrpretrycnt)},
-    {Kind::kGroup, "focnt", SHMRMCTL_PAIR(shmrm_getgrpfocnt, shmrm_setgrpfocnt)},
-    {Kind::kResource, "stat", SHMRMCTL_PAIR(shmrm_getrscstat, shmrm_setrscstat)},
-    {Kind::kResource, "focnt", SHMRMCTL_PAIR(shmrm_getrscfocnt, shmrm_setrscfocnt)},
-    {Kind::kResource, "strtret", SHMRMCTL_PAIR(shmrm_getrscstrtret, shmrm_setrscstrtret)},
-    {Kind::kResource, "stopret", SHMRMCTL_PAIR(shmrm_getrscstopret, shmrm_setrscstopret)},
-    {Kind::kResource, "sv", SHMRMCTL_PAIR(shmrm_getrscsv, shmrm_setrscsv)},
-    {Kind::kResource, "free", SHMRMCTL_PAIR(shmrm_getrscfree, shmrm_setrscfree)},
-    {Kind::kResource, "descript", SHMRMCTL_PAIR(shmrm_getdescript, shmrm_setdescript)},
-    {Kind::kMonitor, "stat", SHMRMCTL_PAIR(shmrm_getmonstat, shmrm_setmonstat)},
-    {Kind::kMonitor, "fo", SHMRMCTL_PAIR(shmrm_getmonfo, shmrm_setmonfo)},
-    {Kind::kMonitor, "proc", SHMRMCTL_PAIR(shmrm_getmonproc, shmrm_setmonproc)},
-    {Kind::kMonitor, "inst", SHMRMCTL_PAIR(shmrm_getmoninst, shmrm_setmoninst)},
-    {Kind::kMonitor, "instdata", SHMRMCTL_PAIR(shmrm_getmoninstdata, shmrm_setmoninstdata)},
-    {Kind::kMonitor, "scriptcnt", SHMRMCTL_PAIR(shmrm_getmonscriptcnt, shmrm_setmonscriptcnt)},
-    {Kind::kMonitor, "restartcnt", SHMRMCTL_PAIR(shmrm_getmonrestartcnt, shmrm_setmonrestartcnt)},
-    {Kind::kMonitor, "finactcnt", SHMRMCTL_PAIR(shmrm_getmonfinactcnt, shmrm_setmonfinactcnt)},
-    {Kind::kMonitor, "simuflag", SHMRMCTL_PAIR(shmrm_getmonsimuflag, shmrm_setmonsimuflag)},
-    {Kind::kMonitor, "targetpid", SHMRMCTL_PAIR(shmrm_gettargetpid, shmrm_settargetpid)},
-    {Kind::kMonitor, "ret", SHMRMCTL_PAIR(shmrm_getmonret, shmrm_setmonret)},
-    {Kind::kMonitor, "parentpid", SHMRMCTL_PAIR(shmrm_getparentpid, shmrm_setparentpid)},
-    {Kind::kMonitor, "progress", SHMRMCTL_PAIR(shmrm_getmonprogress, shmrm_setmonprogress)},
-    {Kind::kMonitor, "descript", SHMRMCTL_PAIR(shmrm_getdescript, shmrm_setdescript)},
-};
+    SHMRM_HEADER_ATTRIBUTES(SHMRMCTL_HEADER) SHMRM_GROUP_ATTRIBUTES(SHMRMCTL_GROUP)
+        SHMRM_RESOURCE_ATTRIBUTES(SHMRMCTL_RESOURCE) SHMRM_MONITOR_ATTRIBUTES(SHMRMCTL_MONITOR)};
 
-#undef SHMRMCTL_PAIR
+#undef SHMRMCTL_ROW
+#undef SHMRMCTL_HEADER
+#undef SHMRMCTL_GROUP
+#undef SHMRMCTL_RESOURCE
+#undef SHMRMCTL_MONITOR
 
 template <class... F>
 struct Overloaded : F... {
