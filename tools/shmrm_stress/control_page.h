@@ -1,39 +1,12 @@
-// The only code of the stress program that knows the operating system: starting this program
-// again as a worker, killing and reaping workers, and the control page that the parent and its
-// workers share. POSIX here; a Win32 version would use CreateProcess, TerminateProcess and a
-// named mapping with a named mutex per worker behind the same declarations.
+// The control page that the stress program's parent and its workers share: with the process
+// runner (common/process), the only code of the program that knows the operating system. POSIX
+// here; a Win32 version would use a named mapping with a named mutex per worker.
 #pragma once
 
 #include <memory>
-#include <optional>
 #include <string>
-#include <vector>
 
 namespace stress {
-
-struct Child {
-    long id = -1;     // process id
-    int output = -1;  // read end of its standard output
-};
-
-// Starts this program with `args`; its standard output comes back through `child.output`.
-bool start_self(const std::vector<std::string>& args, Child& child);
-// Ends the process at once (SIGKILL), without asking.
-void kill_now(const Child& child);
-// Waits up to `wait_ms` for the child to end and reaps it: its exit code, or 128 + the signal
-// that ended it; nullopt while it still runs.
-std::optional<int> reap(const Child& child, int wait_ms);
-// Waits up to `wait_ms` for output from any child, then appends what each has written to its
-// entry of `text`; `open[i]` becomes false at the end of child i's output.
-void read_output(const std::vector<Child>& children, std::vector<std::string>& text,
-                 std::vector<bool>& open, int wait_ms);
-// Runs this program again with these arguments and the current environment, as a child, and
-// waits for it: its exit code, or 128 + the signal that ended it.
-int run_self(char** argv);
-// This process's id.
-long self_id();
-// The id of the process that started this one.
-long parent_id();
 
 // A page of shared memory (a file of the run's temporary directory) with a stop flag and, per
 // worker process, a kill guard and a "holds the region lock" mark.
