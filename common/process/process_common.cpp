@@ -1,3 +1,4 @@
+#include <algorithm>
 #include <chrono>
 #include <utility>
 
@@ -81,9 +82,12 @@ Result run(const std::vector<std::string>& args, const std::vector<std::string>&
             err_open = rd != Read::end;
             got |= rd == Read::data;
         }
-        if (!got && out_open) {
-            std::vector<Process*> one{&p};
-            wait_output(one, std::min(left(), 10));
+        if (got) continue;
+        // Nothing yet: wait a little for more, on the standard output while it is open.
+        if (out_open) {
+            wait_output({&p}, std::min(left(), 10));
+        } else if (err_open) {
+            err_open = p.read(r.err, std::min(left(), 10), true) != Read::end;
         }
     }
     p.close_output();
