@@ -13,6 +13,8 @@
 #include <filesystem>
 #include <fstream>
 #include <span>
+#include <string>
+#include <vector>
 
 #include "os.h"
 #include "shmrm_internal.h"
@@ -46,15 +48,15 @@ void release_objects() {
 
 }  // namespace
 
-extern "C" int LLVMFuzzerInitialize(int* /*argc*/, char*** argv) {
+extern "C" int LLVMFuzzerInitialize(int* argc, char*** argv) {
     // The library reads the namespace as it loads: start again with one of this process's own.
     g_namespace = "vexfuzz" + process_id_text();
     const char* ns = std::getenv("VEX_IPC_NAMESPACE");
     if (ns == nullptr || g_namespace != ns) {
         shmrm::unload();  // it was loaded under no namespace
         set_env("VEX_IPC_NAMESPACE", g_namespace);
-        execv("/proc/self/exe", *argv);
-        std::perror("execv");
+        vex::process::exec_self(std::vector<std::string>(*argv + 1, *argv + *argc));
+        std::perror("exec");
         std::exit(1);
     }
     vex::os::sweep_namespace(g_namespace.c_str());

@@ -451,20 +451,17 @@ int main(int argc, char** argv) {
     _setmode(_fileno(stdout), _O_BINARY);
     _setmode(_fileno(stderr), _O_BINARY);
     if (std::getenv("VEX_IPC_NAMESPACE") == nullptr) {
-        char self[MAX_PATH];
-        GetModuleFileNameA(nullptr, self, sizeof self);
-        std::vector<std::string> command{self};
-        command.insert(command.end(), argv + 1, argv + argc);
-        const vextest::RunResult again = vextest::run(
-            command, {"VEX_IPC_NAMESPACE=shmrmctltest" + vextest::process_id_text()}, 280000);
-        std::fwrite(again.out.data(), 1, again.out.size(), stdout);
-        std::fwrite(again.err.data(), 1, again.err.size(), stderr);
-        return again.status;
+        const std::vector<std::string> args(argv + 1, argv + argc);
+        vex::process::Options options;
+        options.env = {"VEX_IPC_NAMESPACE=shmrmctltest" + vextest::process_id_text()};
+        vex::process::Process again = vex::process::Process::start_self(args, options);
+        const auto exit = again.wait(280000);
+        return exit && exit->exited() ? exit->code : 1;
     }
 #else
     if (std::getenv("VEX_IPC_NAMESPACE") == nullptr) {
         vextest::set_env("VEX_IPC_NAMESPACE", "shmrmctltest" + vextest::process_id_text());
-        execv("/proc/self/exe", argv);
+        vex::process::exec_self(std::vector<std::string>(argv + 1, argv + argc));
         return 1;
     }
 #endif

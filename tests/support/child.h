@@ -5,9 +5,7 @@
 #include <string>
 #include <vector>
 
-#if !defined(_WIN32)
-#include <sys/types.h>
-#endif
+#include "process/process.h"
 
 #if !defined(VEX_CHILD_EXE)
 #define VEX_CHILD_EXE ""  // a test program without the node child names the program it starts
@@ -42,15 +40,7 @@ class Child {
     // Reads what the child has written, waiting at most timeout_ms; false at end of output.
     bool read_some(int timeout_ms);
 
-#if defined(_WIN32)
-    void* process_ = nullptr;
-    void* in_ = nullptr;   // child's stdin
-    void* out_ = nullptr;  // child's stdout
-#else
-    pid_t pid_ = -1;
-    int in_ = -1;   // child's stdin
-    int out_ = -1;  // child's stdout
-#endif
+    vex::process::Process process_;
     std::string buffered_;
 };
 

@@ -8,8 +8,6 @@
 
 #if defined(_WIN32)
 #include <windows.h>
-#else
-#include <unistd.h>
 #endif
 
 namespace vextest {
@@ -41,30 +39,8 @@ std::string make_temp_directory() {
 
 }  // namespace
 
-void set_env(const std::string& name, const std::string& value) {
-#if defined(_WIN32)
-    _putenv_s(name.c_str(), value.c_str());
-    SetEnvironmentVariableA(name.c_str(), value.c_str());
-#else
-    setenv(name.c_str(), value.c_str(), 1);
-#endif
-}
-
-void unset_env(const std::string& name) {
-#if defined(_WIN32)
-    _putenv_s(name.c_str(), "");
-    SetEnvironmentVariableA(name.c_str(), nullptr);
-#else
-    unsetenv(name.c_str());
-#endif
-}
-
 std::string process_id_text() {
-#if defined(_WIN32)
-    return std::to_string(GetCurrentProcessId());
-#else
-    return std::to_string(getpid());
-#endif
+    return std::to_string(vex::process::self_id());
 }
 
 Sandbox::Sandbox() {

@@ -4,11 +4,13 @@
 
 #include <string>
 
+#include "process/process.h"
+
 namespace vextest {
 
 // The test's environment, as the library and the processes the test starts see it.
-void set_env(const std::string& name, const std::string& value);
-void unset_env(const std::string& name);
+using vex::process::set_env;
+using vex::process::unset_env;
 // This process's id, in decimal.
 std::string process_id_text();
 

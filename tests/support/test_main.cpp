@@ -31,7 +31,7 @@ int main(int argc, char** argv) {
     return rc;
 }
 #else
-#include <unistd.h>
+#include <vector>
 
 #include "os.h"
 #include "shmrm_internal.h"
@@ -50,8 +50,8 @@ int main(int argc, char** argv) {
         // The library was loaded under no namespace; it lets go before the program starts again.
         shmrm::unload();
         vextest::set_env("VEX_IPC_NAMESPACE", own);
-        execv("/proc/self/exe", argv);
-        std::perror("execv");
+        vex::process::exec_self(std::vector<std::string>(argv + 1, argv + argc));
+        std::perror("exec");
         return 1;
     }
     testing::InitGoogleTest(&argc, argv);

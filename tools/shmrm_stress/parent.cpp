@@ -10,9 +10,10 @@
 #include <sstream>
 #include <vector>
 
+#include "control_page.h"
 #include "ledger.h"
 #include "os.h"
-#include "process.h"
+#include "process/process.h"
 #include "stress.h"
 #include "text.h"
 #include "vexshmrm.h"
@@ -31,8 +32,11 @@ struct Totals {
     long long kills = 0, kills_holding = 0, cut_short = 0;
 };
 
+using vex::process::Process;
+using vex::process::Read;
+
 struct Worker {
-    Child child;
+    Process child;
     std::string output;
     bool open = true;
     bool done = false;
@@ -126,8 +130,8 @@ class Run {
                 fail(cat("the run has not ended after ", limit, " s"));
                 for (auto& w : workers_) {
                     if (w.done) continue;
-                    kill_now(w.child);
-                    (void)reap(w.child, 10000);
+                    w.child.kill();
+                    (void)w.child.wait(10000);
                     w.done = true;
                 }
             }
@@ -257,7 +261,9 @@ class Run {
                                       dir_ + "/control"};
         Worker& worker = workers_[static_cast<std::size_t>(w)];
         worker = Worker{};
-        if (!start_self(args, worker.child)) {
+        worker.child = Process::start_self(
+            args, {{}, vex::process::Stream::inherit, vex::process::Stream::pipe});
+        if (!worker.child.started()) {
             fail(cat("worker ", w, " cannot be started"));
             worker.done = true;
         }
@@ -271,36 +277,32 @@ class Run {
 
     void finish(Worker& w, int status, int index) {
         w.done = true;
-        close(w.child.output);
+        w.child.close_output();
         add_report(w.output, totals_);
         if (status != 0) fail(cat("worker ", index, " ended with status ", status));
     }
 
     // Reads the workers' output and reaps those that ended.
     void collect(int wait_ms) {
-        std::vector<Child> children;
-        std::vector<std::string> text(workers_.size());
-        std::vector<bool> open;
-        for (const auto& w : workers_) {
-            children.push_back(w.child);
-            open.push_back(w.open && !w.done);
-        }
-        read_output(children, text, open, wait_ms);
+        std::vector<Process*> reading;
+        for (auto& w : workers_)
+            if (w.open && !w.done) reading.push_back(&w.child);
+        vex::process::wait_output(reading, wait_ms);
         for (std::size_t i = 0; i < workers_.size(); ++i) {
             Worker& w = workers_[i];
             if (w.done) continue;
-            w.output += text[i];
-            w.open = open[i];
-            if (auto status = reap(w.child, 0)) {
+            if (w.open) w.open = w.child.read(w.output, 0) != Read::end;
+            if (auto exit = w.child.wait(0)) {
                 // Take what it wrote last.
-                std::vector<Child> one{w.child};
-                std::vector<std::string> rest(1);
-                std::vector<bool> still{w.open};
-                for (int tries = 0; still[0] && tries < 50; ++tries)
-                    read_output(one, rest, still, 100);
-                w.output += rest[0];
-                finish(w, *status, static_cast<int>(i));
+                if (w.open) drain(w.child, w.output);
+                finish(w, exit->status(), static_cast<int>(i));
             }
+        }
+    }
+
+    // What an ended worker wrote last, waiting at most a few seconds for the end of it.
+    static void drain(Process& child, std::string& into) {
+        for (int tries = 0; tries < 50 && child.read(into, 100) != Read::end; ++tries) {
         }
     }
 
@@ -321,27 +323,23 @@ class Run {
             return;
         }
         const bool holding = page_->holding(v);
-        kill_now(w.child);
-        const auto status = reap(w.child, 10000);
+        w.child.kill();
+        const auto exit = w.child.wait(10000);
         page_->set_holding(v, false);
         page_->release_guard(v);
-        if (!status) {
+        if (!exit) {
             fail(cat("worker ", v, " did not end after SIGKILL"));
             return;
         }
-        if (*status != 128 + 9) {  // it had ended by itself
-            finish(w, *status, v);
+        if (exit->status() != 128 + 9) {  // it had ended by itself
+            finish(w, exit->status(), v);
             return;
         }
         // What it wrote before it died, then its threads' ledgers: a pending mark ahead of the
         // commit is a write series the kill cut short.
-        std::vector<Child> one{w.child};
-        std::vector<std::string> rest(1);
-        std::vector<bool> still{true};
-        for (int tries = 0; still[0] && tries < 50; ++tries)
-            read_output(one, rest, still, 100);
-        add_report(w.output + rest[0], totals_);
-        close(w.child.output);
+        drain(w.child, w.output);
+        add_report(w.output, totals_);
+        w.child.close_output();
         for (int t = 0; t < o_.threads; ++t) {
             const Identity id(v * o_.threads + t);
             int c = 0, p = 0;
@@ -365,7 +363,7 @@ class Run {
     std::vector<std::string> damage_;
     std::vector<int> cut_short_ = std::vector<int>(static_cast<std::size_t>(slots()), 0);
     Totals totals_;
-    std::mt19937 rng_{static_cast<std::mt19937::result_type>(self_id())};
+    std::mt19937 rng_{static_cast<std::mt19937::result_type>(vex::process::self_id())};
     Clock::time_point start_;
     double seconds_ = 0;
     long long committed_ = 0;
@@ -379,18 +377,17 @@ int run_parent(const Options& o, char** argv) {
     // The library reads the namespace when it is loaded: run again with it set, as a child, so
     // that this process lets go of what it loaded under the first one.
     const std::string ns =
-        o.ipc_namespace.empty() ? cat("shmrm-stress-", self_id()) : o.ipc_namespace;
+        o.ipc_namespace.empty() ? cat("shmrm-stress-", vex::process::self_id()) : o.ipc_namespace;
     const char* current = std::getenv("VEX_IPC_NAMESPACE");
     if (current == nullptr || ns != current) {
-        setenv("VEX_IPC_NAMESPACE", ns.c_str(), 1);
         // The namespace goes on the command line too: the child's process id is another.
-        std::vector<char*> args;
-        for (char** a = argv; *a != nullptr; ++a)
-            args.push_back(*a);
-        std::string option = "--namespace", value = ns;
-        if (o.ipc_namespace.empty()) args.insert(args.end(), {option.data(), value.data()});
-        args.push_back(nullptr);
-        return run_self(args.data());
+        std::vector<std::string> args;
+        for (char** a = argv + 1; *a != nullptr; ++a)
+            args.emplace_back(*a);
+        if (o.ipc_namespace.empty()) args.insert(args.end(), {"--namespace", ns});
+        Process again = Process::start_self(args, {{"VEX_IPC_NAMESPACE=" + ns}});
+        const auto exit = again.wait(-1);
+        return exit && exit->status() >= 0 ? exit->status() : 1;
     }
     std::string dir = (fs::temp_directory_path() / "shmrm-stress-XXXXXX").string();
     if (mkdtemp(dir.data()) == nullptr) {

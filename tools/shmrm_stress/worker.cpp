@@ -7,8 +7,9 @@
 #include <thread>
 #include <vector>
 
+#include "control_page.h"
 #include "ledger.h"
-#include "process.h"
+#include "process/process.h"
 #include "stress.h"
 #include "text.h"
 #include "vexshmrm.h"
@@ -64,17 +65,18 @@ class Thread {
           page_(page),
           worker_(worker),
           id_(slot),
-          rng_(static_cast<std::mt19937::result_type>(o.params.seed * 7919u +
-                                                      static_cast<unsigned>(slot) * 104729u +
-                                                      static_cast<unsigned>(self_id()))) {}
+          rng_(static_cast<std::mt19937::result_type>(
+              o.params.seed * 7919u + static_cast<unsigned>(slot) * 104729u +
+              static_cast<unsigned>(vex::process::self_id()))) {}
 
     void run() {
         try {
             write_series(true);
-            const long parent = parent_id();
+            const long parent = vex::process::parent_id();
             while (!g_failed) {
                 if (committed_ >= o_.series && page_.stop_requested()) break;
-                if (parent_id() != parent) throw Failure("the parent process is gone");
+                if (vex::process::parent_id() != parent)
+                    throw Failure("the parent process is gone");
                 if (static_cast<int>(rng_() % 100) < o_.read_share) {
                     read_series();
                 } else {

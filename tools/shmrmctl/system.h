@@ -10,6 +10,8 @@
 #include <string>
 #include <vector>
 
+#include "process/process.h"
+
 namespace shmrmctl::sys {
 
 // Standard output as every system gets it: "\n" line ends, flushed line by line where the C
@@ -50,11 +52,17 @@ class Child {
     // did not exit by itself.
     int stop(int bound_ms = 5000);
 
-    struct State;  // the system's handles
-
   private:
-    std::unique_ptr<State> state_;
+    vex::process::Process process_;
+    void* stop_ = nullptr;  // what a stop request goes through, where not a signal
+    std::string got_;
 };
+
+// How a stop request reaches a child (child.cpp is the same on every system): what it goes
+// through, opened once the child runs; the request; closing what was opened.
+void* open_stop_request(const vex::process::Process& child);
+void send_stop_request(vex::process::Process& child, void* stop);
+void close_stop_request(void* stop);
 
 // Runs this program again, with the same arguments followed by `more_args` and with
 // `name`=`value` in its environment, as a child, and returns its exit status to end with. For
@@ -62,10 +70,10 @@ class Child {
 int run_again_with(const std::string& name, const std::string& value, char** argv,
                    const std::vector<std::string>& more_args);
 
-std::string self_path();
+using vex::process::self_path;
 // A new empty directory in the system's temporary folder; empty, with `error` set, on failure.
 std::string make_temp_dir(const std::string& prefix, std::string& error);
-void set_env(const std::string& name, const std::string& value);
+using vex::process::set_env;
 
 // ---- The console
 // Standard input and output are both a terminal (a console on Windows).
@@ -104,7 +112,11 @@ std::size_t view_page();
 std::tm local_now();  // the local time, broken down
 // The tick count the library stamps progress with (milliseconds since boot, 32 bits).
 std::uint32_t tick_now();
-long process_id();
-long parent_process_id();
+inline long process_id() {
+    return vex::process::self_id();
+}
+inline long parent_process_id() {
+    return vex::process::parent_id();
+}
 
 }  // namespace shmrmctl::sys
