@@ -25,6 +25,7 @@
 #include <vector>
 
 #include "alloc_count.h"
+#include "region_layout.h"
 #include "tables.h"
 #include "vexshmrm.h"
 
@@ -234,7 +235,7 @@ void use_one_group(int n) {
 // ---- The floor: the same layout, read directly ------------------------------------------
 
 inline std::size_t stride_of(const rmhead* h) {
-    return SHMRM_GRP_HEAD_SIZE + static_cast<std::size_t>(h->rscmax) * SHMRM_RSC_SIZE;
+    return static_cast<std::size_t>(shmrm::group_stride(h->rscmax));
 }
 
 // Group record i and the resource slots of a group, as the layout places them.

@@ -35,7 +35,7 @@ Held hold_region() {
 
 class LifecycleTest : public testing::Test {
   protected:
-    void SetUp() override { sandbox_.configure(Capacities{}, 32); }
+    void SetUp() override { sandbox_.configure(vextest::kDefaultCapacities, 32); }
     void TearDown() override {
         while (shmrm::region() != nullptr)
             (shmrm::g.create_handle ? shmrm_delete : shmrm_detach)();
@@ -74,7 +74,7 @@ void PrintTo(const FailureRow& row, std::ostream* out) {
 }
 
 std::vector<FailureRow> failure_rows() {
-    const Capacities ok;
+    const Capacities ok = vextest::kDefaultCapacities;
     const char* create_failed = "VexutilCreateNamedFileMapping failed(errno:5)";
     std::vector<FailureRow> rows;
     for (const Export& op : {kCreate, kAttach}) {

@@ -99,7 +99,7 @@ TEST_F(Processes, CreateOnAnExistingRegionKeepsItsContentsAndRewritesCapacities)
 }
 
 TEST_F(Processes, LockHeldByAnotherProcessTimesOut) {
-    sandbox.configure(Capacities{}, SHMRM_LOG_ERROR);
+    sandbox.configure(vextest::kDefaultCapacities, SHMRM_LOG_ERROR);
     ASSERT_EQ(shmrm_create(), SHMRM_OK);
     Child owner;
     ASSERT_EQ(owner.rc("rwlock 0"), SHMRM_OK);

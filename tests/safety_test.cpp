@@ -290,13 +290,14 @@ TEST(FullSharedMemory, IsAResultCodeNeverAFault) {
         int refusals;       // log lines that say the system could not back the region
     } rows[] = {
         // Five attempts and the final word, each with the system's error: no space left.
-        {"a region of 1.9 MB", Capacities{}, "", "create\nrwlock 0\nrwunlock\n", "6\n0\n0\n", "",
-         6},
+        {"a region of 1.9 MB", vextest::kDefaultCapacities, "", "create\nrwlock 0\nrwunlock\n",
+         "6\n0\n0\n", "", 6},
         {"a region that fits", Capacities{4, 2, 4}, "",
          "create\nclear\nsetmaxvalue 4 2 4\naddgrp a\nenumgrp\ndelete\n", "0\n0\n0\n0\n0 a\n0\n",
          "", 0},
-        {"no room for the region lock", Capacities{}, "head -c 2M /dev/zero > /dev/shm/fill;",
-         "create\nrwlock 0\n", "1\n14\n", "the region lock", 0},
+        {"no room for the region lock", vextest::kDefaultCapacities,
+         "head -c 2M /dev/zero > /dev/shm/fill;", "create\nrwlock 0\n", "1\n14\n",
+         "the region lock", 0},
     };
     for (const auto& row : rows) {
         SCOPED_TRACE(row.what);

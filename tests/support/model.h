@@ -11,6 +11,7 @@
 #include <string>
 #include <vector>
 
+#include "region_layout.h"
 #include "support/fake_imports.h"
 #include "vexshmrm.h"
 
@@ -20,15 +21,14 @@ using Bytes = std::vector<unsigned char>;
 
 // The small region of the table tests and the driver: 4 groups of 3 resources, 4 monitors.
 constexpr int kGroups = 4, kSlots = 3, kMonitors = 4;
-constexpr int kStride = SHMRM_GRP_HEAD_SIZE + kSlots * SHMRM_RSC_SIZE;
-constexpr int kMonTable = SHMRM_HEAD_SIZE + kGroups * kStride;
-constexpr int kRegionSize = kMonTable + kMonitors * SHMRM_MON_SIZE;
+constexpr shmrm::Geometry kLayout = *shmrm::geometry({kGroups, kSlots, kMonitors});
+constexpr int kStride = int(kLayout.group_stride);
+constexpr int kMonTable = int(kLayout.monitors_at);
+constexpr int kRegionSize = int(kLayout.size);
 
-inline constexpr auto grp_at = [](int g) { return SHMRM_HEAD_SIZE + g * kStride; };
-inline constexpr auto rsc_at = [](int g, int r) {
-    return grp_at(g) + SHMRM_GRP_HEAD_SIZE + r * SHMRM_RSC_SIZE;
-};
-inline constexpr auto mon_at = [](int m) { return kMonTable + m * SHMRM_MON_SIZE; };
+inline constexpr auto grp_at = [](int g) { return int(kLayout.group_at(g)); };
+inline constexpr auto rsc_at = [](int g, int r) { return int(kLayout.resource_at(g, r)); };
+inline constexpr auto mon_at = [](int m) { return int(kLayout.monitor_at(m)); };
 
 // Where a run's choices come from: a seeded generator, or a fuzzer's input, where a choice among
 // at most 256 takes one byte and any other four (little-endian), and 0 once it is used up. With

@@ -51,7 +51,7 @@ Sandbox::Sandbox() {
         saved_env_ = old;
     }
     set_env("VEX_INSTALL_PATH", path_);
-    configure(Capacities{});
+    configure(kDefaultCapacities);
 }
 
 Sandbox::~Sandbox() {
@@ -70,8 +70,8 @@ void Sandbox::write_config(const std::string& xml) const {
 
 void Sandbox::configure(Capacities caps, int log_level, int log_size) const {
     std::ostringstream xml;
-    xml << "<root>\n  <all><num><group>" << caps.groups << "</group><resource>" << caps.resources
-        << "</resource><monitor>" << caps.monitors << "</monitor></num></all>\n"
+    xml << "<root>\n  <all><num><group>" << caps.grpmax << "</group><resource>" << caps.rscmax
+        << "</resource><monitor>" << caps.monmax << "</monitor></num></all>\n"
         << "  <shmrm><log><level>" << log_level << "</level><size>" << log_size
         << "</size></log></shmrm>\n</root>\n";
     write_config(xml.str());

@@ -5,6 +5,7 @@
 #include <string>
 
 #include "process/process.h"
+#include "region_layout.h"
 
 namespace vextest {
 
@@ -14,11 +15,9 @@ using vex::process::unset_env;
 // This process's id, in decimal.
 std::string process_id_text();
 
-struct Capacities {
-    int groups = 128;
-    int resources = 16;
-    int monitors = 128;
-};
+using shmrm::Capacities;
+// What a test's configuration gives unless it says otherwise.
+inline constexpr Capacities kDefaultCapacities{128, 16, 128};
 
 class Sandbox {
   public:

@@ -9,6 +9,7 @@
 #include <iterator>
 #include <random>
 
+#include "region_layout.h"
 #include "shmrm_internal.h"
 
 int main(int argc, char** argv) {
@@ -31,7 +32,7 @@ int main(int argc, char** argv) {
     unsigned char* base = shmrm::g._prmhead.load();
     rmhead* h = shmrm::head(base);
     const shmrm::Layout sized = shmrm::g.layout;
-    const std::size_t stride = SHMRM_GRP_HEAD_SIZE + std::size_t(sized.rscmax) * SHMRM_RSC_SIZE;
+    const auto stride = static_cast<std::size_t>(shmrm::group_stride(sized.rscmax));
     long rounds = 0;
     while (std::chrono::steady_clock::now() < until) {
         for (int* word : {&h->grpmax, &h->rscmax, &h->monmax, &h->grpcnt, &h->moncnt})

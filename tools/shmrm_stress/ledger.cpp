@@ -3,6 +3,7 @@
 #include <cstring>
 #include <string_view>
 
+#include "region_layout.h"
 #include "text.h"
 #include "vexshmrm.h"
 
@@ -76,16 +77,14 @@ void others_of(const shmrmctl::Bytes& region, const Identity& id, shmrmctl::Byte
     rmhead h;
     if (region.size() < sizeof h) throw Failure("dump: shorter than the header");
     std::memcpy(&h, region.data(), sizeof h);
-    const auto stride = static_cast<std::size_t>(SHMRM_GRP_HEAD_SIZE) +
-                        static_cast<std::size_t>(h.rscmax) * SHMRM_RSC_SIZE;
-    const std::size_t monitors_at = SHMRM_HEAD_SIZE + static_cast<std::size_t>(h.grpmax) * stride;
-    if (h.rscmax < 0 || h.grpmax < 0 || h.monmax < 0 || h.grpcnt < 0 || h.moncnt < 0 ||
-        h.grpcnt > h.grpmax || h.moncnt > h.monmax ||
-        monitors_at + static_cast<std::size_t>(h.monmax) * SHMRM_MON_SIZE > region.size()) {
+    const auto geo = shmrm::geometry({h.grpmax, h.rscmax, h.monmax});
+    if (!geo || h.grpcnt < 0 || h.moncnt < 0 || h.grpcnt > h.grpmax || h.moncnt > h.monmax ||
+        geo->size > std::ssize(region)) {
         throw Failure(cat("dump: header grpmax ", h.grpmax, " rscmax ", h.rscmax, " monmax ",
                           h.monmax, " grpcnt ", h.grpcnt, " moncnt ", h.moncnt, " does not fit ",
                           region.size(), " bytes"));
     }
+    const auto stride = static_cast<std::size_t>(geo->group_stride);
     auto name_at = [&](std::size_t at) {
         const char* p = reinterpret_cast<const char*>(region.data() + at);
         return std::string_view(p, strnlen(p, SHMRM_NAME_LEN));
@@ -93,7 +92,7 @@ void others_of(const shmrmctl::Bytes& region, const Identity& id, shmrmctl::Byte
     out.assign(region.begin(), region.begin() + SHMRM_HEAD_SIZE);
     rmhead counts = h;
     for (int g = 0; g < h.grpcnt; ++g) {
-        const std::size_t at = SHMRM_HEAD_SIZE + static_cast<std::size_t>(g) * stride;
+        const auto at = static_cast<std::size_t>(geo->group_at(g));
         const auto name = name_at(at);
         if (name == id.group || name == id.scratch) {
             --counts.grpcnt;
@@ -103,7 +102,7 @@ void others_of(const shmrmctl::Bytes& region, const Identity& id, shmrmctl::Byte
         }
     }
     for (int m = 0; m < h.moncnt; ++m) {
-        const std::size_t at = monitors_at + static_cast<std::size_t>(m) * SHMRM_MON_SIZE;
+        const auto at = static_cast<std::size_t>(geo->monitor_at(m));
         if (name_at(at).starts_with(id.monitor_prefix)) {
             --counts.moncnt;
         } else {

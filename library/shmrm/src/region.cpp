@@ -4,6 +4,7 @@
 #include <cstdint>
 #include <cstring>
 
+#include "region_layout.h"
 #include "shmrm_internal.h"
 #include "vexxml.h"
 
@@ -13,23 +14,12 @@ namespace {
 
 constexpr int kAttempts = 5;
 constexpr unsigned kAttemptPause = 1000;  // ms
-constexpr std::int64_t kRegionLimit = std::int64_t{1} << 31;
-
-struct Capacities {
-    int grpmax = 0;
-    int rscmax = 0;
-    int monmax = 0;
-};
-
 // Region bytes for these capacities, or -1 when they are not usable (below 1, or a region of
 // 2 GiB or more).
 std::int64_t region_bytes(const Capacities& c) {
     if (c.grpmax < 1 || c.rscmax < 1 || c.monmax < 1) return -1;
-    const std::int64_t record = SHMRM_GRP_HEAD_SIZE + std::int64_t{c.rscmax} * SHMRM_RSC_SIZE;
-    if (c.grpmax > kRegionLimit / record) return -1;
-    std::int64_t bytes =
-        SHMRM_HEAD_SIZE + c.grpmax * record + std::int64_t{c.monmax} * SHMRM_MON_SIZE;
-    return bytes < kRegionLimit ? bytes : -1;
+    const auto geo = geometry(c);
+    return geo ? geo->size : -1;
 }
 
 class InitLock {
@@ -138,8 +128,9 @@ int map_region(const Call& call, void** handle, const Capacities& caps, bool att
         log_close();
         return SHMRM_ERR_MAPVIEW;
     }
-    const std::size_t stride = SHMRM_GRP_HEAD_SIZE + std::size_t(caps.rscmax) * SHMRM_RSC_SIZE;
-    const std::size_t monitors = SHMRM_HEAD_SIZE + std::size_t(caps.grpmax) * stride;
+    const Geometry geo = *geometry(caps);  // checked when the capacities were loaded
+    const auto stride = static_cast<std::size_t>(geo.group_stride);
+    const auto monitors = static_cast<std::size_t>(geo.monitors_at);
     auto whole = [](std::size_t room, std::size_t record) {
         return static_cast<int>(std::min<std::size_t>(room / record, INT_MAX));
     };

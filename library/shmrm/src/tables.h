@@ -9,6 +9,7 @@
 #include <cstring>
 #include <type_traits>
 
+#include "region_layout.h"
 #include "shmrm_internal.h"
 
 namespace shmrm {
@@ -149,7 +150,7 @@ struct Groups {
         t.first = base + SHMRM_HEAD_SIZE;
         const int r = load(h->rscmax);
         t.rscmax = r < 0 ? 0 : r;
-        t.stride = SHMRM_GRP_HEAD_SIZE + std::size_t(t.rscmax) * SHMRM_RSC_SIZE;
+        t.stride = static_cast<std::size_t>(group_stride(t.rscmax));
         t.positions = r == g.layout.rscmax ? g.layout.group_positions : positions_for(t.stride);
         t.count = load(h->grpcnt);
         t.used = clamp_count(t.count, t.positions);
