@@ -32,6 +32,31 @@ extern "C" {
 #define SHMRM_ERR_LOCK 14
 #define SHMRM_ERR_INSTALLPATH 16
 
+/*
+ * Every result code, one row each: X(name, value, "one-line meaning"), in ascending order.
+ * Expand it with a macro of your own, e.g. to name a code:
+ *   #define NAME_CASE(name, value, meaning) case value: return #name;
+ *   switch (rc) { SHMRM_RESULT_MAP(NAME_CASE) }
+ * Stringize the name in X itself: passed on to another macro it arrives as its value.
+ */
+#define SHMRM_RESULT_MAP(X)                                                        \
+    X(SHMRM_OK, 0, "success")                                                      \
+    X(SHMRM_ERR_NOTINIT, 1, "the region is not mapped in this process")            \
+    X(SHMRM_ERR_PARAM, 2, "a required argument is missing or out of range")        \
+    X(SHMRM_ERR_NOTFOUND, 3, "no record has the given name (and type, and group)") \
+    X(SHMRM_ERR_BUFFER, 4, "the caller's buffer is smaller than the result")       \
+    X(SHMRM_ERR_XMLINIT, 5, "the XML library could not be started")                \
+    X(SHMRM_ERR_CREATEMAP, 6, "the named mapping could not be created")            \
+    X(SHMRM_ERR_MAPVIEW, 7, "the mapping could not be mapped into the process")    \
+    X(SHMRM_ERR_OPENMAP, 8, "the named mapping could not be opened")               \
+    X(SHMRM_ERR_GRPOVER, 9, "the group table is full")                             \
+    X(SHMRM_ERR_RSCOVER, 10, "the group's resource slots are full")                \
+    X(SHMRM_ERR_MONOVER, 11, "the monitor table is full")                          \
+    X(SHMRM_ERR_LOADINFO, 12, "the table capacities could not be loaded")          \
+    X(SHMRM_ERR_XMLCONFIG, 13, "the XML configuration could not be loaded")        \
+    X(SHMRM_ERR_LOCK, 14, "the region lock could not be taken in time")            \
+    X(SHMRM_ERR_INSTALLPATH, 16, "the install path could not be obtained")
+
 /* Trace levels: single bits. A line is written when its level is at most the configured one. */
 #define SHMRM_LOG_ERROR 1
 #define SHMRM_LOG_WARNING 2
