@@ -6,6 +6,7 @@ set -euo pipefail
 
 packages=(cmake make g++ binutils pkg-config libpugixml-dev googletest libgtest-dev libgmock-dev
           libbenchmark-dev clang-format libcli11-dev nlohmann-json3-dev libfmt-dev tmux python3-matplotlib gcovr
+          doxygen
           g++-mingw-w64-x86-64-posix binutils-mingw-w64-x86-64 wine wine64
           clang libclang-rt-14-dev)
 

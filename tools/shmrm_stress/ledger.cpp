@@ -9,20 +9,9 @@
 
 namespace stress {
 
-std::string code_name(int rc) {
-    static constexpr const char* kNames[] = {
-        "SHMRM_OK",           "SHMRM_ERR_NOTINIT",   "SHMRM_ERR_PARAM",     "SHMRM_ERR_NOTFOUND",
-        "SHMRM_ERR_BUFFER",   "SHMRM_ERR_XMLINIT",   "SHMRM_ERR_CREATEMAP", "SHMRM_ERR_MAPVIEW",
-        "SHMRM_ERR_OPENMAP",  "SHMRM_ERR_GRPOVER",   "SHMRM_ERR_RSCOVER",   "SHMRM_ERR_MONOVER",
-        "SHMRM_ERR_LOADINFO", "SHMRM_ERR_XMLCONFIG", "SHMRM_ERR_LOCK"};
-    if (rc >= 0 && rc < static_cast<int>(std::size(kNames))) return kNames[rc];
-    if (rc == SHMRM_ERR_INSTALLPATH) return "SHMRM_ERR_INSTALLPATH";
-    return cat("result ", rc);
-}
-
 void need(int rc, const char* call, int expect) {
     if (rc != expect) {
-        throw Failure(cat(call, " gave ", code_name(rc), ", expected ", code_name(expect)));
+        throw Failure(cat(call, " gave ", result_name(rc), ", expected ", result_name(expect)));
     }
 }
 

@@ -28,6 +28,7 @@
 #include <vector>
 
 #include "model.h"
+#include "results.h"
 #include "snapshot.h"
 
 namespace stress {
@@ -57,7 +58,7 @@ void others_of(const shmrmctl::Bytes& region, const Identity& id, shmrmctl::Byte
 // The records of `id` read back through the getters and the name lists.
 OwnRecords read_own(const Identity& id);
 
-// "SHMRM_ERR_NOTFOUND" and so on.
-std::string code_name(int rc);
+// "SHMRM_ERR_NOTFOUND" and so on, as shmrmctl names them.
+using shmrmctl::result_name;
 
 }  // namespace stress

@@ -84,7 +84,7 @@ class Run {
                    "</level><size>1000000</size></log></shmrm>\n</root>\n");
         setenv("VEX_INSTALL_PATH", dir_.c_str(), 1);
         if (const int rc = shmrm_create(); rc != SHMRM_OK) {
-            fail("shmrm_create gave " + code_name(rc));
+            fail("shmrm_create gave " + result_name(rc));
             return false;
         }
         created_ = true;
@@ -220,7 +220,7 @@ class Run {
     void tear_down() {
         if (created_) {
             if (const int rc = shmrm_delete(); rc != SHMRM_OK)
-                fail("shmrm_delete gave " + code_name(rc));
+                fail("shmrm_delete gave " + result_name(rc));
         }
         page_.reset();
     }

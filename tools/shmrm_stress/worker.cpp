@@ -45,7 +45,7 @@ class Held {
         page_.set_holding(worker_, false);
         const int rc = write_ ? shmrm_rwunlock() : shmrm_rounlock();
         if (rc != SHMRM_OK) {
-            std::fprintf(stderr, "shmrm_stress: unlock gave %s\n", code_name(rc).c_str());
+            std::fprintf(stderr, "shmrm_stress: unlock gave %s\n", result_name(rc).c_str());
             g_failed = true;
         }
     }
@@ -185,8 +185,8 @@ class Thread {
             const Op& op = s.ops[i];
             const int rc = call(op);
             if (rc != op.expect) {
-                throw Failure(cat(describe(op), " gave ", code_name(rc), ", expected ",
-                                  code_name(op.expect)));
+                throw Failure(cat(describe(op), " gave ", result_name(rc), ", expected ",
+                                  result_name(op.expect)));
             }
         }
         const std::string d = difference(expected(s.after, id_), read_own(id_));
@@ -247,7 +247,7 @@ int run_worker(const Options& o, int index, const std::string& control) {
     }
     if (const int rc = shmrm_attach(); rc != SHMRM_OK) {
         std::fprintf(stderr, "shmrm_stress: worker %d: shmrm_attach gave %s\n", index,
-                     code_name(rc).c_str());
+                     result_name(rc).c_str());
         return 3;
     }
     std::vector<std::thread> threads;
@@ -259,7 +259,7 @@ int run_worker(const Options& o, int index, const std::string& control) {
     const int rc = shmrm_detach();
     if (rc != SHMRM_OK) {
         std::fprintf(stderr, "shmrm_stress: worker %d: shmrm_detach gave %s\n", index,
-                     code_name(rc).c_str());
+                     result_name(rc).c_str());
     }
     return g_failed || rc != SHMRM_OK ? 2 : 0;
 }

@@ -30,30 +30,6 @@ Failure system_failure(const char* step) {
 
 }  // namespace
 
-std::string result_name(int rc) {
-    static constexpr const char* names[] = {"SHMRM_OK",
-                                            "SHMRM_ERR_NOTINIT",
-                                            "SHMRM_ERR_PARAM",
-                                            "SHMRM_ERR_NOTFOUND",
-                                            "SHMRM_ERR_BUFFER",
-                                            "SHMRM_ERR_XMLINIT",
-                                            "SHMRM_ERR_CREATEMAP",
-                                            "SHMRM_ERR_MAPVIEW",
-                                            "SHMRM_ERR_OPENMAP",
-                                            "SHMRM_ERR_GRPOVER",
-                                            "SHMRM_ERR_RSCOVER",
-                                            "SHMRM_ERR_MONOVER",
-                                            "SHMRM_ERR_LOADINFO",
-                                            "SHMRM_ERR_XMLCONFIG",
-                                            "SHMRM_ERR_LOCK",
-                                            nullptr,
-                                            "SHMRM_ERR_INSTALLPATH"};
-    if (rc >= 0 && rc < static_cast<int>(std::size(names)) && names[rc] != nullptr) {
-        return names[rc];
-    }
-    return fmt::format("result {}", rc);
-}
-
 std::string Failure::message() const {
     if (system) {
         const bool absent = call == kOpening && rc == static_cast<int>(vex::os::kErrorFileNotFound);

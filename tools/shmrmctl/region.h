@@ -4,12 +4,10 @@
 
 #include <string>
 
+#include "results.h"
 #include "snapshot.h"
 
 namespace shmrmctl {
-
-// "SHMRM_ERR_NOTFOUND" for 3, and so on; "result <n>" for a code the library does not define.
-std::string result_name(int rc);
 
 // A failed step: an export and its result, or (`system`) a step of the tool's own and the
 // system's error number.

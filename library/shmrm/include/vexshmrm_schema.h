@@ -1,12 +1,14 @@
-/*
- * vexshmrm_schema.h: every attribute of the records, one row each.
+/**
+ * @file vexshmrm_schema.h
+ * @brief Every attribute of the records, one row each.
  *
  * The library's exports of the integer attributes, shmrmctl's attribute table, its status
  * columns and JSON keys, and the tests' reference model are all made from these rows. Adding
  * an integer attribute to a record is: the field in its struct (vexshmrm.h), the two
- * prototypes and their two lines in vexshmrm.def, and one row here.
+ * prototypes with their documentation and their two lines in vexshmrm.def, and one row here.
  *
  * A row is X(name, shape, field type, get type, set type, getter, setter, get tag, set tag):
+ * @code
  *   name        the attribute's name, also the record's field for a word
  *   shape       word (an integer field), text (sv), free (the free area), descript (the
  *               description), progress (the progress step and its stamps), maxvalue (the three
@@ -18,13 +20,14 @@
  *   setter      the export that writes it, without its shmrm_ prefix
  *   get tag     the tag the getter's trace lines carry (words only)
  *   set tag     the tag the setter's trace lines carry (words only)
+ * @endcode
  * Rows are in the order of the record's columns. A 16-bit monitor counter keeps the low 16
  * bits of what is written and reads back sign-extended into an int.
  */
 #ifndef VEXSHMRM_SCHEMA_H
 #define VEXSHMRM_SCHEMA_H
 
-/* The node-wide values of the region header. */
+/** The node-wide values of the region header (#rmhead). */
 #define SHMRM_HEADER_ATTRIBUTES(X)                                                        \
     X(acstat, word, int, int, int, getacstat, setacstat, "_getacstat", "_setacstat")      \
     X(acstat2, word, int, int, int, getacstat2, setacstat2, "_getacstat2", "_setacstat2") \
@@ -32,7 +35,7 @@
       "_setpow32port")                                                                    \
     X(maxvalue, maxvalue, int, int, int, getmaxvalue, setmaxvalue, "", "")
 
-/* The head of a group record. */
+/** The head of a group record (#rmgrp). */
 #define SHMRM_GROUP_ATTRIBUTES(X)                                                         \
     X(stat, word, int, int, int, getgrpstat, setgrpstat, "_getgrpstat", "_setgrpstat")    \
     X(sv, text, char, char, char, getgrpsv, setgrpsv, "", "")                             \
@@ -43,7 +46,7 @@
       "_setgrpretrycnt")                                                                  \
     X(focnt, word, int, int, int, getgrpfocnt, setgrpfocnt, "_getgrpfocnt", "_setgrpfocnt")
 
-/* A resource slot of a group. */
+/** A resource slot of a group (#rmrsc). */
 #define SHMRM_RESOURCE_ATTRIBUTES(X)                                                        \
     X(stat, word, int, int, int, getrscstat, setrscstat, "_getrscstat", "_setrscstat")      \
     X(focnt, word, int, int, int, getrscfocnt, setrscfocnt, "_getrscfocnt", "_setrscfocnt") \
@@ -55,7 +58,7 @@
     X(free, free, char, char, char, getrscfree, setrscfree, "", "")                         \
     X(descript, descript, char, char, char, getdescript, setdescript, "", "")
 
-/* A monitor record. */
+/** A monitor record (#rmmon). */
 #define SHMRM_MONITOR_ATTRIBUTES(X)                                                             \
     X(stat, word, int, int, int, getmonstat, setmonstat, "_getmonstat", "_setmonstat")          \
     X(fo, word, int, int, int, getmonfo, setmonfo, "_getmonfo", "_setmonfo")                    \
@@ -79,17 +82,21 @@
     X(progress, progress, int, int, int, getmonprogress, setmonprogress, "", "")                \
     X(descript, descript, char, char, char, getdescript, setdescript, "", "")
 
-/*
+/**
  * Helpers for rows of one shape: SHMRM_IF_WORD(shape, text) expands to text for a word and to
  * nothing otherwise, so that X(name, shape, ...) can be written as
- *   #define X(name, shape, ...) SHMRM_IF_WORD(shape, (something for name))
+ * @code
+ * #define X(name, shape, ...) SHMRM_IF_WORD(shape, (something for name))
+ * @endcode
  */
 #define SHMRM_IF_WORD(shape, ...) SHMRM_IF_WORD_##shape(__VA_ARGS__)
+/** @cond SHAPES */
 #define SHMRM_IF_WORD_word(...) __VA_ARGS__
 #define SHMRM_IF_WORD_text(...)
 #define SHMRM_IF_WORD_free(...)
 #define SHMRM_IF_WORD_descript(...)
 #define SHMRM_IF_WORD_progress(...)
 #define SHMRM_IF_WORD_maxvalue(...)
+/** @endcond */
 
 #endif /* VEXSHMRM_SCHEMA_H */
