@@ -92,4 +92,33 @@
 #define SHMRM_IF_WORD_progress(...)
 #define SHMRM_IF_WORD_maxvalue(...)
 
+/*
+ * The prototypes of every word row's getter and setter, made from the rows: a program that
+ * includes this header can call the exports of an attribute from its row alone.
+ */
+#define SHMRM_DECLARE_HEADER_WORD(attr, shape, ft, gt, st, getter, setter, ...) \
+    SHMRM_IF_WORD(shape, int shmrm_##getter(gt* pvalue); int shmrm_##setter(st value);)
+#define SHMRM_DECLARE_GROUP_WORD(attr, shape, ft, gt, st, getter, setter, ...) \
+    SHMRM_IF_WORD(shape, int shmrm_##getter(const char* grpname, gt* pvalue);  \
+                  int shmrm_##setter(const char* grpname, st value);)
+#define SHMRM_DECLARE_RESOURCE_WORD(attr, shape, ft, gt, st, getter, setter, ...)                \
+    SHMRM_IF_WORD(                                                                               \
+        shape,                                                                                   \
+        int shmrm_##getter(const char* grpname, const char* type, const char* name, gt* pvalue); \
+        int shmrm_##setter(const char* grpname, const char* type, const char* name, st value);)
+#define SHMRM_DECLARE_MONITOR_WORD(attr, shape, ft, gt, st, getter, setter, ...)             \
+    SHMRM_IF_WORD(shape, int shmrm_##getter(const char* type, const char* name, gt* pvalue); \
+                  int shmrm_##setter(const char* type, const char* name, st value);)
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+SHMRM_HEADER_ATTRIBUTES(SHMRM_DECLARE_HEADER_WORD)
+SHMRM_GROUP_ATTRIBUTES(SHMRM_DECLARE_GROUP_WORD)
+SHMRM_RESOURCE_ATTRIBUTES(SHMRM_DECLARE_RESOURCE_WORD)
+SHMRM_MONITOR_ATTRIBUTES(SHMRM_DECLARE_MONITOR_WORD)
+#ifdef __cplusplus
+}
+#endif
+
 #endif /* VEXSHMRM_SCHEMA_H */
