@@ -1,10 +1,11 @@
 /*
  * vexshmrm_schema.h: every attribute of the records, one row each.
  *
- * The library's exports of the integer attributes, shmrmctl's attribute table, its status
- * columns and JSON keys, and the tests' reference model are all made from these rows. Adding
- * an integer attribute to a record is: the field in its struct (vexshmrm.h), the two
- * prototypes and their two lines in vexshmrm.def, and one row here.
+ * The library's exports of the integer attributes and their prototypes (below), shmrmctl's
+ * attribute table, its status columns and JSON keys, the tests' reference model and the stress
+ * program's model are all made from these rows. Adding an integer attribute to a record is: the
+ * field in its struct (vexshmrm.h), its getter's and setter's lines in vexshmrm.def, and one row
+ * here (see "Adding an attribute" in the README).
  *
  * A row is X(name, shape, field type, get type, set type, getter, setter, get tag, set tag):
  *   name        the attribute's name, also the record's field for a word
@@ -18,8 +19,9 @@
  *   setter      the export that writes it, without its shmrm_ prefix
  *   get tag     the tag the getter's trace lines carry (words only)
  *   set tag     the tag the setter's trace lines carry (words only)
- * Rows are in the order of the record's columns. A 16-bit monitor counter keeps the low 16
- * bits of what is written and reads back sign-extended into an int.
+ * Rows are in the order of the record's columns: the views show a record's words in row order.
+ * A 16-bit monitor counter keeps the low 16 bits of what is written and reads back
+ * sign-extended into an int; an unsigned 16-bit word is a set of flags, shown in hex.
  */
 #ifndef VEXSHMRM_SCHEMA_H
 #define VEXSHMRM_SCHEMA_H
