@@ -7,6 +7,8 @@
 #include <tuple>
 #include <type_traits>
 
+#include "vexshmrm_schema.h"
+
 namespace vextest {
 
 unsigned Choices::take(int bytes, unsigned below) {
@@ -30,7 +32,7 @@ const char* const kKindNames[] = {"grp", "rsc", "mon"};
 struct Rec {
     std::string name, type, sv;
     Text descript{}, free{};
-    int word[12] = {};  // the integer attributes, in the order of kWords for the kind
+    int word[16] = {};  // the integer attributes, in the order of kWords for the kind
     int progress = 0;
     unsigned tick3 = 0, tick4 = 0;
     std::vector<Rec> rscs;
@@ -70,29 +72,50 @@ struct Word {
     int (*get)(Keys, int*);
 };
 
-const Word kWords[] = {
-    {kGrp, 0, 288, 0, call<shmrm_setgrpstat>, call<shmrm_getgrpstat>},
-    {kGrp, 1, 292, 0, call<shmrm_setgrpenv>, call<shmrm_getgrpenv>},
-    {kGrp, 2, 300, 1, call<shmrm_setgrpflag>, call<shmrm_getgrpflag>},
-    {kGrp, 3, 304, 0, call<shmrm_setgrpretrycnt>, call<shmrm_getgrpretrycnt>},
-    {kGrp, 4, 308, 0, call<shmrm_setgrpfocnt>, call<shmrm_getgrpfocnt>},
-    {kRsc, 0, 832, 0, call<shmrm_setrscstat>, call<shmrm_getrscstat>},
-    {kRsc, 1, 836, 0, call<shmrm_setrscfocnt>, call<shmrm_getrscfocnt>},
-    {kRsc, 2, 840, 0, call<shmrm_setrscstrtret>, call<shmrm_getrscstrtret>},
-    {kRsc, 3, 844, 0, call<shmrm_setrscstopret>, call<shmrm_getrscstopret>},
-    {kMon, 0, 320, 0, call<shmrm_setmonstat>, call<shmrm_getmonstat>},
-    {kMon, 1, 324, 0, call<shmrm_setmonfo>, call<shmrm_getmonfo>},
-    {kMon, 2, 328, 0, call<shmrm_setmonproc>, call<shmrm_getmonproc>},
-    {kMon, 3, 332, 0, call<shmrm_setmoninst>, call<shmrm_getmoninst>},
-    {kMon, 4, 336, 0, call<shmrm_setmoninstdata>, call<shmrm_getmoninstdata>},
-    {kMon, 5, 340, 2, call<shmrm_setmonscriptcnt>, call<shmrm_getmonscriptcnt>},
-    {kMon, 6, 342, 2, call<shmrm_setmonrestartcnt>, call<shmrm_getmonrestartcnt>},
-    {kMon, 7, 344, 2, call<shmrm_setmonfinactcnt>, call<shmrm_getmonfinactcnt>},
-    {kMon, 8, 348, 0, call<shmrm_setmonsimuflag>, call<shmrm_getmonsimuflag>},
-    {kMon, 9, 352, 0, call<shmrm_settargetpid>, call<shmrm_gettargetpid>},
-    {kMon, 10, 356, 0, call<shmrm_setmonret>, call<shmrm_getmonret>},
-    {kMon, 11, 364, 0, call<shmrm_setparentpid>, call<shmrm_getparentpid>},
+template <typename T>
+constexpr int kNarrow = sizeof(T) == 4          ? 0
+                        : std::is_unsigned_v<T> ? 1
+                                                : 2;
+
+// One entry per word row of the schema, in row order; `index` counts within the record.
+#define VEXTEST_WORD(kind, record, name, shape, ft, gt, st, getter, setter, ...)   \
+    SHMRM_IF_WORD(shape,                                                           \
+                  {kind, 0, static_cast<int>(offsetof(record, name)), kNarrow<ft>, \
+                   call<shmrm_##setter>, call<shmrm_##getter>}, )
+#define VEXTEST_GRP(...) VEXTEST_WORD(kGrp, rmgrp, __VA_ARGS__)
+#define VEXTEST_RSC(...) VEXTEST_WORD(kRsc, rmrsc, __VA_ARGS__)
+#define VEXTEST_MON(...) VEXTEST_WORD(kMon, rmmon, __VA_ARGS__)
+constexpr Word kRows[] = {SHMRM_GROUP_ATTRIBUTES(VEXTEST_GRP) SHMRM_RESOURCE_ATTRIBUTES(VEXTEST_RSC)
+                              SHMRM_MONITOR_ATTRIBUTES(VEXTEST_MON)};
+#undef VEXTEST_WORD
+#undef VEXTEST_GRP
+#undef VEXTEST_RSC
+#undef VEXTEST_MON
+
+constexpr auto kWords = [] {
+    std::array<Word, std::size(kRows)> out{};
+    int count[3] = {};
+    for (std::size_t i = 0; i < out.size(); ++i) {
+        out[i] = kRows[i];
+        out[i].index = count[out[i].kind]++;
+    }
+    return out;
+}();
+static_assert(std::ranges::all_of(kWords, [](const Word& w) { return w.index < 16; }),
+              "Rec::word holds every word of a record");
+
+// A node-wide word of the header: its offset, its setter and its getter.
+struct HeaderWord {
+    int offset;
+    int (*set)(int);
+    int (*get)(int*);
 };
+#define VEXTEST_HEAD(name, shape, ft, gt, st, getter, setter, ...) \
+    SHMRM_IF_WORD(shape,                                           \
+                  {static_cast<int>(offsetof(rmhead, name)), shmrm_##setter, shmrm_##getter}, )
+constexpr HeaderWord kHeaderWords[] = {SHMRM_HEADER_ATTRIBUTES(VEXTEST_HEAD)};
+#undef VEXTEST_HEAD
+constexpr int kHeaderCount = static_cast<int>(std::size(kHeaderWords));
 
 // A caller's string as a field of `width` bytes keeps it: at most width - 1 characters.
 std::string cut(const char* s, std::size_t width) {
@@ -101,7 +124,7 @@ std::string cut(const char* s, std::size_t width) {
 
 struct Model {
     int max[3] = {kGroups, kSlots, kMonitors};
-    int values[3] = {};  // acstat, acstat2, pow32port
+    int values[kHeaderCount] = {};  // the header's words, in the order of kHeaderWords
     std::vector<Rec> grps, mons;
 
     // The first match in table order; a null group or type matches every one.
@@ -127,7 +150,8 @@ struct Model {
         const int head[5] = {max[0], max[1], max[2], static_cast<int>(grps.size()),
                              static_cast<int>(mons.size())};
         put(36, head, sizeof head);
-        put(60, values, sizeof values);
+        for (int i = 0; i < kHeaderCount; ++i)
+            put(kHeaderWords[i].offset, &values[i], 4);
         // Name, type or sv, description, free text, sv of a resource and the integers.
         auto record = [&](Kind kind, int at, const Rec& r) {
             text(at, r.name);
@@ -359,7 +383,7 @@ class Run {
     }
 
     void word() {
-        const Word& w = any(kWords);
+        const Word& w = kWords[static_cast<std::size_t>(pick(static_cast<int>(kWords.size())))];
         const Keys k = keys(w.kind, true);
         Rec* r = k.n ? m_.find(w.kind, k) : nullptr;
         if (pick(2) == 0) {
@@ -524,20 +548,23 @@ class Run {
 
     // The header: node-wide values, the dump, the capacities and the clear.
     void header() {
-        const int op = pick(30);
-        if (op < 6) {  // acstat, acstat2, pow32port: values of 1 or more are kept
-            int (*const sets[])(int) = {shmrm_setacstat, shmrm_setacstat2, shmrm_setpow32port};
-            int (*const gets[])(int*) = {shmrm_getacstat, shmrm_getacstat2, shmrm_getpow32port};
-            const int i = op % 3, v = value();
-            const bool set = op < 3, out = present();
+        // Every word is set and read; then the dump, the clear, the capacities set and read.
+        const int words = 2 * kHeaderCount, dump = words + 4, clear = dump, capacities = dump + 10;
+        const int op = pick(capacities + 10);
+        if (op < words) {  // the node-wide words: values of 1 or more are kept
+            const int i = op % kHeaderCount, v = value();
+            const bool set = op < kHeaderCount, out = present();
             call_ = "header value " + std::to_string(i) + (set ? " set " + std::to_string(v) : "");
             if (set && v > 0) m_.values[i] = v;
-            if (set) return same(sets[i](v), v > 0 ? SHMRM_OK : SHMRM_ERR_PARAM, "result");
+            if (set) {
+                return same(kHeaderWords[i].set(v), v > 0 ? SHMRM_OK : SHMRM_ERR_PARAM, "result");
+            }
             int got = kSentinel;
-            same(gets[i](out ? &got : nullptr), out ? SHMRM_OK : SHMRM_ERR_PARAM, "result");
+            same(kHeaderWords[i].get(out ? &got : nullptr), out ? SHMRM_OK : SHMRM_ERR_PARAM,
+                 "result");
             return same(got, out ? m_.values[i] : kSentinel, "value");
         }
-        if (op < 10) {  // the dump: a size query (mode 0), no size (1), or into a buffer
+        if (op < dump) {  // the dump: a size query (mode 0), no size (1), or into a buffer
             const int sizes[] = {kRegionSize, kRegionSize - 1, kRegionSize + 1, 0,
                                  -1,          INT_MIN,         INT_MAX};
             const int mode = pick(8);
@@ -552,13 +579,13 @@ class Run {
             same(size, want_size, "size");
             return same_bytes(buf, want, "buffer");
         }
-        if (op == 10) {
+        if (op == clear) {
             call_ = "clear()";
             m_ = Model{};
             m_.max[0] = m_.max[1] = m_.max[2] = 0;
             return same(shmrm_clear(), SHMRM_OK, "result");
         }
-        if (op < 20) {
+        if (op < capacities) {
             const int random[3] = {1 + pick(kGroups), kSlots, 1 + pick(kMonitors)};
             const int* c = pick(3) == 0 ? kCapacities + 3 * pick(9)
                            : pick(2)    ? random

@@ -122,6 +122,26 @@ std::vector<std::string> names(const char* call, List list) {
     return out;
 }
 
+// Reads every word of a record through its getter, in row order, given the record's keys. A
+// field narrower than what its getter writes must come back sign-extended.
+template <typename Words, typename... Keys>
+void read_words(Words& out, Keys... keys) {
+    Words::each_export([&](auto w) {
+        using V = typename decltype(w)::GetValue;
+        using T = typename decltype(w)::Value;
+        const std::string call(w.get_name);
+        V v{};
+        need(w.get(keys..., &v), call.c_str());
+        if constexpr (sizeof(T) < sizeof(V)) {
+            if (v != static_cast<T>(v)) {
+                throw Failure(
+                    cat(call, ": ", v, " is not a sign-extended ", 8 * sizeof(T), "-bit value"));
+            }
+        }
+        out.*w.value = static_cast<T>(v);
+    });
+}
+
 std::optional<shmrmctl::Group> read_group(const std::string& group, bool present,
                                           const std::string& owner_group) {
     if (!present) return std::nullopt;
@@ -131,11 +151,7 @@ std::optional<shmrmctl::Group> read_group(const std::string& group, bool present
     char sv[SHMRM_TEXT_LEN] = {};
     need(shmrm_getgrpsv(g, sv), "shmrm_getgrpsv");
     out.sv = std::string(sv, strnlen(sv, sizeof sv));
-    need(shmrm_getgrpstat(g, &out.stat), "shmrm_getgrpstat");
-    need(shmrm_getgrpenv(g, &out.env), "shmrm_getgrpenv");
-    need(shmrm_getgrpflag(g, &out.flag), "shmrm_getgrpflag");
-    need(shmrm_getgrpretrycnt(g, &out.retrycnt), "shmrm_getgrpretrycnt");
-    need(shmrm_getgrpfocnt(g, &out.focnt), "shmrm_getgrpfocnt");
+    read_words<shmrmctl::GroupWords>(out, g);
     const auto rscs =
         names("shmrm_enumrsc", [&](char* buf, int* size) { return shmrm_enumrsc(g, buf, size); });
     out.rsccnt = static_cast<int>(rscs.size());
@@ -157,10 +173,7 @@ std::optional<shmrmctl::Group> read_group(const std::string& group, bool present
                 cat("shmrm_getrscgrp: ", name, " is in group ", in_group, ", not ", owner_group));
         }
         const char* t = r.type.c_str();
-        need(shmrm_getrscstat(g, t, n, &r.stat), "shmrm_getrscstat");
-        need(shmrm_getrscfocnt(g, t, n, &r.focnt), "shmrm_getrscfocnt");
-        need(shmrm_getrscstrtret(g, t, n, &r.strtret), "shmrm_getrscstrtret");
-        need(shmrm_getrscstopret(g, t, n, &r.stopret), "shmrm_getrscstopret");
+        read_words<shmrmctl::ResourceWords>(r, g, t, n);
         char text[SHMRM_TEXT_LEN] = {};
         need(shmrm_getrscsv(g, t, n, text), "shmrm_getrscsv");
         r.sv = std::string(text, strnlen(text, sizeof text));
@@ -200,26 +213,7 @@ OwnRecords read_own(const Identity& id) {
         need(shmrm_getmoninfo(type, n), "shmrm_getmoninfo");
         m.type = type;
         const char* t = type;
-        need(shmrm_getmonstat(t, n, &m.stat), "shmrm_getmonstat");
-        need(shmrm_getmonfo(t, n, &m.fo), "shmrm_getmonfo");
-        need(shmrm_getmonproc(t, n, &m.proc), "shmrm_getmonproc");
-        need(shmrm_getmoninst(t, n, &m.inst), "shmrm_getmoninst");
-        need(shmrm_getmoninstdata(t, n, &m.instdata), "shmrm_getmoninstdata");
-        need(shmrm_getmonsimuflag(t, n, &m.simuflag), "shmrm_getmonsimuflag");
-        need(shmrm_gettargetpid(t, n, &m.targetpid), "shmrm_gettargetpid");
-        need(shmrm_getmonret(t, n, &m.ret), "shmrm_getmonret");
-        need(shmrm_getparentpid(t, n, &m.parentpid), "shmrm_getparentpid");
-        // The 16-bit counters come back sign-extended.
-        auto counter = [&](auto get, const char* call) {
-            int v = 0;
-            need(get(t, n, &v), call);
-            if (v != static_cast<std::int16_t>(v))
-                throw Failure(cat(call, ": ", v, " is not a sign-extended 16-bit value"));
-            return static_cast<std::int16_t>(v);
-        };
-        m.scriptcnt = counter(shmrm_getmonscriptcnt, "shmrm_getmonscriptcnt");
-        m.restartcnt = counter(shmrm_getmonrestartcnt, "shmrm_getmonrestartcnt");
-        m.finactcnt = counter(shmrm_getmonfinactcnt, "shmrm_getmonfinactcnt");
+        read_words<shmrmctl::MonitorWords>(m, t, n);
         need(shmrm_getmonprogress(t, n, &m.progress, &m.tick3, &m.tick4), "shmrm_getmonprogress");
         char text[SHMRM_TEXT_LEN] = {};
         const int len = SHMRM_TEXT_LEN;

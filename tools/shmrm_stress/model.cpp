@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <span>
 
 #include "text.h"
 #include "vexshmrm.h"
@@ -59,6 +60,69 @@ int pick(Rng& r, int n, bool want_present, Present present) {
     return c.empty() ? -1 : c[static_cast<std::size_t>(r.below(static_cast<int>(c.size())))];
 }
 
+// The fields of a record of `Words` (see group_fields), leaving out the words named in `skip`.
+template <typename Words>
+std::vector<Field> fields_of(std::span<const std::string_view> skip = {}) {
+    std::vector<Field> out;
+    for (const bool wide : {true, false}) {
+        Words::each([&](auto w) {
+            const bool is_wide = sizeof(typename decltype(w)::Value) == 4;
+            if (is_wide == wide && std::ranges::find(skip, w.name) == skip.end())
+                out.push_back({.is_word = true, .word = w.index, .name = w.name});
+        });
+    }
+    using shmrmctl::Other;
+    for (const auto& [other, name] :
+         {std::pair{Other::kText, "sv"}, {Other::kDescript, "descript"}, {Other::kFree, "free"}}) {
+        if (Words::has(other)) out.push_back({.other = other, .name = name});
+    }
+    return out;
+}
+
+const Field& field_at(const std::vector<Field>& fields, int field) {
+    return fields.at(static_cast<std::size_t>(field));
+}
+
+// Sets word `index` of `words` to `value`, converted to the field's type as the setter stores it.
+template <typename Words>
+void set_word(Words& words, std::size_t index, int value) {
+    Words::each([&](auto w) {
+        using T = typename decltype(w)::Value;
+        if (w.index == index) words.*w.value = static_cast<T>(value);
+    });
+}
+
+// Calls the setter of word `index` with `value` and the record's keys.
+template <typename Words, typename... Keys>
+int call_setter(std::size_t index, int value, Keys... keys) {
+    int rc = -1;
+    Words::each_export([&](auto w) {
+        using V = typename decltype(w)::SetValue;
+        if (w.index == index) rc = w.set(keys..., static_cast<V>(value));
+    });
+    return rc;
+}
+
+// A description write: the text of `seed` in a 256-byte buffer, all of it given.
+int set_descript(const char* g, const char* t, const char* n, std::uint32_t seed) {
+    std::array<char, 256> buf{};
+    const std::string text = text_of(seed);
+    std::memcpy(buf.data(), text.data(), text.size());
+    return shmrm_setdescript(g, t, n, buf.data(), 256);
+}
+
+void set_group(Grp& g, const Op& op) {
+    const Field& f = field_at(group_fields(), op.field);
+    if (f.is_word) set_word(g.words, f.word, op.value);
+    if (!f.is_word) g.sv = op.seed;  // a group's one other field
+}
+
+int execute_group(const char* g, const Op& op) {
+    const Field& f = field_at(group_fields(), op.field);
+    if (f.is_word) return call_setter<shmrmctl::GroupWords>(f.word, op.value, g);
+    return shmrm_setgrpsv(g, text_of(op.seed).c_str());
+}
+
 }  // namespace
 
 Identity::Identity(int s)
@@ -79,6 +143,19 @@ std::string Identity::monitor(int k) const {
 }
 std::string Identity::monitor_type(int k) {
     return "mt" + std::to_string(k % 2);
+}
+
+const std::vector<Field>& group_fields() {
+    static const auto fields = fields_of<shmrmctl::GroupWords>(kLedgerWords);
+    return fields;
+}
+const std::vector<Field>& resource_fields() {
+    static const auto fields = fields_of<shmrmctl::ResourceWords>();
+    return fields;
+}
+const std::vector<Field>& monitor_fields() {
+    static const auto fields = fields_of<shmrmctl::MonitorWords>();
+    return fields;
 }
 
 std::string text_of(std::uint32_t seed) {
@@ -107,41 +184,26 @@ int apply(Model& m, const Op& op, const Params& p) {
             return SHMRM_OK;
         }
         case OpKind::kSetRsc: {
-            if (op.field == 6 && op.len <= 0) return SHMRM_ERR_PARAM;
+            const Field& f = field_at(resource_fields(), op.field);
+            if (f.other == shmrmctl::Other::kFree && op.len <= 0) return SHMRM_ERR_PARAM;
             Rsc* r = find_k(m.main.rsc, op.k);
             if (r == nullptr) return SHMRM_ERR_NOTFOUND;
-            switch (op.field) {
-                case 0:
-                    r->stat = op.value;
-                    break;
-                case 1:
-                    r->focnt = op.value;
-                    break;
-                case 2:
-                    r->strtret = op.value;
-                    break;
-                case 3:
-                    r->stopret = op.value;
-                    break;
-                case 4:
-                    r->sv = op.seed;
-                    break;
-                case 5:
-                    r->descript = op.seed;
-                    break;
-                default: {
-                    std::array<std::uint8_t, 256> bytes{};
-                    fill_pattern(op.seed, bytes.data(), bytes.size());
-                    const auto n = static_cast<std::size_t>(std::min(op.len, 256));
-                    std::copy_n(bytes.begin(), n, r->free.begin());
-                }
+            if (f.is_word) {
+                set_word(r->words, f.word, op.value);
+            } else if (f.other == shmrmctl::Other::kText) {
+                r->sv = op.seed;
+            } else if (f.other == shmrmctl::Other::kDescript) {
+                r->descript = op.seed;
+            } else {
+                std::array<std::uint8_t, 256> bytes{};
+                fill_pattern(op.seed, bytes.data(), bytes.size());
+                const auto n = static_cast<std::size_t>(std::min(op.len, 256));
+                std::copy_n(bytes.begin(), n, r->free.begin());
             }
             return SHMRM_OK;
         }
         case OpKind::kSetGrp:
-            if (op.field == 0) m.main.stat = op.value;
-            if (op.field == 1) m.main.flag = static_cast<std::uint16_t>(op.value);
-            if (op.field == 2) m.main.sv = op.seed;
+            set_group(m.main, op);
             return SHMRM_OK;
         case OpKind::kAddMon:
             m.mons.push_back(Mon{.k = op.k});
@@ -157,10 +219,9 @@ int apply(Model& m, const Op& op, const Params& p) {
         case OpKind::kSetMon: {
             Mon* x = find_k(m.mons, op.k);
             if (x == nullptr) return SHMRM_ERR_NOTFOUND;
-            if (op.field < 9) x->words[static_cast<std::size_t>(op.field)] = op.value;
-            if (op.field >= 9 && op.field < 12)
-                x->counters[static_cast<std::size_t>(op.field - 9)] = static_cast<short>(op.value);
-            if (op.field == 12) x->descript = op.seed;
+            const Field& f = field_at(monitor_fields(), op.field);
+            if (f.is_word) set_word(x->words, f.word, op.value);
+            if (!f.is_word) x->descript = op.seed;  // a monitor's one other field
             return SHMRM_OK;
         }
         case OpKind::kProgress: {
@@ -177,8 +238,7 @@ int apply(Model& m, const Op& op, const Params& p) {
             return SHMRM_OK;
         case OpKind::kSetScratch:
             if (!m.scratch) return SHMRM_ERR_NOTFOUND;
-            if (op.field == 0) m.scratch->stat = op.value;
-            if (op.field == 1) m.scratch->sv = op.seed;
+            set_group(*m.scratch, op);
             return SHMRM_OK;
         case OpKind::kAddScratchRsc:
             if (!m.scratch) return SHMRM_ERR_NOTFOUND;
@@ -188,7 +248,7 @@ int apply(Model& m, const Op& op, const Params& p) {
         case OpKind::kSetScratchRsc: {
             Rsc* r = m.scratch ? find_k(m.scratch->rsc, -1) : nullptr;
             if (r == nullptr) return SHMRM_ERR_NOTFOUND;
-            r->stat = op.value;
+            r->words.stat = op.value;
             return SHMRM_OK;
         }
         case OpKind::kRmScratch:
@@ -200,6 +260,8 @@ int apply(Model& m, const Op& op, const Params& p) {
 }
 
 Series plan(const Model& before, const Params& p, int slot, std::uint64_t seq) {
+    // A scratch group is given a text: the group's field after its words.
+    static const int kGroupSv = static_cast<int>(group_fields().size()) - 1;
     Rng r(mix(p.seed, static_cast<std::uint64_t>(slot), seq));
     Series s{{}, before};
     Model& m = s.after;
@@ -214,7 +276,7 @@ Series plan(const Model& before, const Params& p, int slot, std::uint64_t seq) {
 
     if (!m.scratch && r.chance(40)) {
         emit({.kind = OpKind::kAddScratch});
-        emit({.kind = OpKind::kSetScratch, .field = 1, .seed = r.seed()});
+        emit({.kind = OpKind::kSetScratch, .field = kGroupSv, .seed = r.seed()});
         emit({.kind = OpKind::kAddScratchRsc});
         emit({.kind = OpKind::kSetScratchRsc, .value = r.word()});
     }
@@ -229,9 +291,10 @@ Series plan(const Model& before, const Params& p, int slot, std::uint64_t seq) {
     for (int i = 1 + r.below(4); i > 0; --i) {
         const int k = pick(r, universe, !r.chance(10), rsc_present);
         if (k < 0) continue;
-        const int field = r.below(7);
+        const int field = r.below(static_cast<int>(resource_fields().size()));
         // The free area: mostly a whole or partial write, sometimes an empty one, refused.
-        const int len = field != 6 ? 0 : (r.chance(5) ? 0 : 1 + r.below(300));
+        const bool free = field_at(resource_fields(), field).other == shmrmctl::Other::kFree;
+        const int len = !free ? 0 : (r.chance(5) ? 0 : 1 + r.below(300));
         emit({.kind = OpKind::kSetRsc,
               .k = k,
               .field = field,
@@ -240,7 +303,10 @@ Series plan(const Model& before, const Params& p, int slot, std::uint64_t seq) {
               .len = len});
     }
     for (int i = r.below(3); i > 0; --i)
-        emit({.kind = OpKind::kSetGrp, .field = r.below(3), .value = r.word(), .seed = r.seed()});
+        emit({.kind = OpKind::kSetGrp,
+              .field = r.below(static_cast<int>(group_fields().size())),
+              .value = r.word(),
+              .seed = r.seed()});
     if (r.chance(25)) {
         const int k = pick(r, p.monitors, true, mon_present);
         if (k >= 0) emit({.kind = OpKind::kRmMon, .k = k});
@@ -258,7 +324,7 @@ Series plan(const Model& before, const Params& p, int slot, std::uint64_t seq) {
         } else {
             emit({.kind = OpKind::kSetMon,
                   .k = k,
-                  .field = r.below(13),
+                  .field = r.below(static_cast<int>(monitor_fields().size())),
                   .value = r.word(),
                   .seed = r.seed()});
         }
@@ -277,13 +343,12 @@ Model replay(const Params& p, int slot, std::uint64_t committed) {
 bool compound(const Op& op) {
     switch (op.kind) {
         case OpKind::kSetRsc:
-            return op.field >= 4;
+            return !field_at(resource_fields(), op.field).is_word;
         case OpKind::kSetGrp:
-            return op.field == 2;
-        case OpKind::kSetMon:
-            return op.field == 12;
         case OpKind::kSetScratch:
-            return op.field == 1;
+            return !field_at(group_fields(), op.field).is_word;
+        case OpKind::kSetMon:
+            return !field_at(monitor_fields(), op.field).is_word;
         case OpKind::kSetScratchRsc:
             return false;
         default:
@@ -307,81 +372,33 @@ int execute(const Op& op, const Identity& id) {
             return shmrm_addrsc(g, rt, n);
         case OpKind::kRmRsc:
             return shmrm_rmrsc(g, rt, n);
-        case OpKind::kSetRsc:
-            switch (op.field) {
-                case 0:
-                    return shmrm_setrscstat(g, rt, n, op.value);
-                case 1:
-                    return shmrm_setrscfocnt(g, rt, n, op.value);
-                case 2:
-                    return shmrm_setrscstrtret(g, rt, n, op.value);
-                case 3:
-                    return shmrm_setrscstopret(g, rt, n, op.value);
-                case 4:
-                    return shmrm_setrscsv(g, rt, n, text_of(op.seed).c_str());
-                case 5: {
-                    std::array<char, 256> buf{};
-                    const std::string t = text_of(op.seed);
-                    std::memcpy(buf.data(), t.data(), t.size());
-                    return shmrm_setdescript(g, rt, n, buf.data(), 256);
-                }
-                default: {
-                    std::array<std::uint8_t, 300> data{};
-                    fill_pattern(op.seed, data.data(), 256);
-                    return shmrm_setrscfree(g, rt, n, data.data(), op.len);
-                }
-            }
+        case OpKind::kSetRsc: {
+            const Field& f = field_at(resource_fields(), op.field);
+            if (f.is_word) return call_setter<shmrmctl::ResourceWords>(f.word, op.value, g, rt, n);
+            if (f.other == shmrmctl::Other::kText)
+                return shmrm_setrscsv(g, rt, n, text_of(op.seed).c_str());
+            if (f.other == shmrmctl::Other::kDescript) return set_descript(g, rt, n, op.seed);
+            std::array<std::uint8_t, 300> data{};
+            fill_pattern(op.seed, data.data(), 256);
+            return shmrm_setrscfree(g, rt, n, data.data(), op.len);
+        }
         case OpKind::kSetGrp:
-            if (op.field == 0) return shmrm_setgrpstat(g, op.value);
-            if (op.field == 1) return shmrm_setgrpflag(g, static_cast<unsigned short>(op.value));
-            return shmrm_setgrpsv(g, text_of(op.seed).c_str());
+            return execute_group(g, op);
         case OpKind::kAddMon:
             return shmrm_addmon(mt, n);
         case OpKind::kRmMon:
             return shmrm_rmmon(mt, n);
         case OpKind::kSetMon: {
-            const int v = op.value;
-            const auto c = static_cast<short>(v);
-            switch (op.field) {
-                case 0:
-                    return shmrm_setmonstat(mt, n, v);
-                case 1:
-                    return shmrm_setmonfo(mt, n, v);
-                case 2:
-                    return shmrm_setmonproc(mt, n, v);
-                case 3:
-                    return shmrm_setmoninst(mt, n, v);
-                case 4:
-                    return shmrm_setmoninstdata(mt, n, v);
-                case 5:
-                    return shmrm_setmonsimuflag(mt, n, v);
-                case 6:
-                    return shmrm_settargetpid(mt, n, v);
-                case 7:
-                    return shmrm_setmonret(mt, n, v);
-                case 8:
-                    return shmrm_setparentpid(mt, n, v);
-                case 9:
-                    return shmrm_setmonscriptcnt(mt, n, c);
-                case 10:
-                    return shmrm_setmonrestartcnt(mt, n, c);
-                case 11:
-                    return shmrm_setmonfinactcnt(mt, n, c);
-                default: {
-                    std::array<char, 256> buf{};
-                    const std::string t = text_of(op.seed);
-                    std::memcpy(buf.data(), t.data(), t.size());
-                    return shmrm_setdescript(nullptr, mt, n, buf.data(), 256);
-                }
-            }
+            const Field& f = field_at(monitor_fields(), op.field);
+            if (f.is_word) return call_setter<shmrmctl::MonitorWords>(f.word, op.value, mt, n);
+            return set_descript(nullptr, mt, n, op.seed);
         }
         case OpKind::kProgress:
             return shmrm_setmonprogress(mt, n, op.value);
         case OpKind::kAddScratch:
             return shmrm_addgrp(id.scratch.c_str());
         case OpKind::kSetScratch:
-            if (op.field == 0) return shmrm_setgrpstat(id.scratch.c_str(), op.value);
-            return shmrm_setgrpsv(id.scratch.c_str(), text_of(op.seed).c_str());
+            return execute_group(id.scratch.c_str(), op);
         case OpKind::kAddScratchRsc:
             return shmrm_addrsc(id.scratch.c_str(), "scratch", id.scratch_rsc.c_str());
         case OpKind::kSetScratchRsc:
@@ -412,10 +429,7 @@ shmrmctl::Resource resource_of(const Rsc& r, const Identity& id) {
     out.descript = text_of(r.descript);
     std::copy(r.free.begin(), r.free.end(), out.free.begin());
     out.sv = text_of(r.sv);
-    out.stat = r.stat;
-    out.focnt = r.focnt;
-    out.strtret = r.strtret;
-    out.stopret = r.stopret;
+    static_cast<shmrmctl::ResourceWords&>(out) = r.words;
     return out;
 }
 
@@ -423,8 +437,7 @@ shmrmctl::Group group_of(const Grp& g, const std::string& name, const Identity& 
     shmrmctl::Group out;
     out.name = name;
     out.sv = text_of(g.sv);
-    out.stat = g.stat;
-    out.flag = g.flag;
+    static_cast<shmrmctl::GroupWords&>(out) = g.words;
     out.rsccnt = static_cast<int>(g.rsc.size());
     for (const Rsc& r : g.rsc)
         out.resources.push_back(resource_of(r, id));
@@ -432,17 +445,26 @@ shmrmctl::Group group_of(const Grp& g, const std::string& name, const Identity& 
 }
 
 template <typename T>
-void compare(std::string& out, const std::string& where, const char* what, const T& want,
+void compare(std::string& out, const std::string& where, std::string_view what, const T& want,
              const T& got) {
     if (out.empty() && !(want == got)) out = cat(where, ": ", what, " differs");
+}
+
+// Every word of two records, in row order, but those named in `skip`.
+template <typename Words>
+void compare_words(std::string& out, const std::string& where, const Words& want, const Words& got,
+                   std::span<const std::string_view> skip = {}) {
+    Words::each([&](auto w) {
+        if (std::ranges::find(skip, w.name) == skip.end())
+            compare(out, where, w.name, want.*w.value, got.*w.value);
+    });
 }
 
 void compare_group(std::string& out, const shmrmctl::Group& w, const shmrmctl::Group& g) {
     const std::string at = "group " + w.name;
     compare(out, at, "name", w.name, g.name);
     compare(out, at, "sv", w.sv, g.sv);
-    compare(out, at, "stat", w.stat, g.stat);
-    compare(out, at, "flag", w.flag, g.flag);
+    compare_words<shmrmctl::GroupWords>(out, at, w, g, kLedgerWords);
     compare(out, at, "rsccnt", w.rsccnt, g.rsccnt);
     compare(out, at, "resource count", w.resources.size(), g.resources.size());
     for (std::size_t i = 0; out.empty() && i < w.resources.size(); ++i) {
@@ -454,10 +476,7 @@ void compare_group(std::string& out, const shmrmctl::Group& w, const shmrmctl::G
         compare(out, rat, "descript", a.descript, b.descript);
         compare(out, rat, "free", a.free, b.free);
         compare(out, rat, "sv", a.sv, b.sv);
-        compare(out, rat, "stat", a.stat, b.stat);
-        compare(out, rat, "focnt", a.focnt, b.focnt);
-        compare(out, rat, "strtret", a.strtret, b.strtret);
-        compare(out, rat, "stopret", a.stopret, b.stopret);
+        compare_words<shmrmctl::ResourceWords>(out, rat, a, b);
     }
 }
 
@@ -472,18 +491,7 @@ OwnRecords expected(const Model& m, const Identity& id) {
         mon.name = id.monitor(x.k);
         mon.type = Identity::monitor_type(x.k);
         mon.descript = text_of(x.descript);
-        mon.stat = x.words[0];
-        mon.fo = x.words[1];
-        mon.proc = x.words[2];
-        mon.inst = x.words[3];
-        mon.instdata = x.words[4];
-        mon.simuflag = x.words[5];
-        mon.targetpid = x.words[6];
-        mon.ret = x.words[7];
-        mon.parentpid = x.words[8];
-        mon.scriptcnt = x.counters[0];
-        mon.restartcnt = x.counters[1];
-        mon.finactcnt = x.counters[2];
+        static_cast<shmrmctl::MonitorWords&>(mon) = x.words;
         mon.progress = x.progress;
         mon.tick3 = x.tick3_zero ? 0 : kAnyTick;
         mon.tick4 = x.tick4_zero ? 0 : kAnyTick;
@@ -518,18 +526,7 @@ std::string difference(const OwnRecords& want, const OwnRecords& got) {
         compare(out, at, "name", a.name, b.name);
         compare(out, at, "type", a.type, b.type);
         compare(out, at, "descript", a.descript, b.descript);
-        compare(out, at, "stat", a.stat, b.stat);
-        compare(out, at, "fo", a.fo, b.fo);
-        compare(out, at, "proc", a.proc, b.proc);
-        compare(out, at, "inst", a.inst, b.inst);
-        compare(out, at, "instdata", a.instdata, b.instdata);
-        compare(out, at, "scriptcnt", a.scriptcnt, b.scriptcnt);
-        compare(out, at, "restartcnt", a.restartcnt, b.restartcnt);
-        compare(out, at, "finactcnt", a.finactcnt, b.finactcnt);
-        compare(out, at, "simuflag", a.simuflag, b.simuflag);
-        compare(out, at, "targetpid", a.targetpid, b.targetpid);
-        compare(out, at, "ret", a.ret, b.ret);
-        compare(out, at, "parentpid", a.parentpid, b.parentpid);
+        compare_words<shmrmctl::MonitorWords>(out, at, a, b);
         compare(out, at, "progress", a.progress, b.progress);
         if (a.tick3 != kAnyTick) compare(out, at, "tick3", a.tick3, b.tick3);
         if (a.tick4 != kAnyTick) compare(out, at, "tick4", a.tick4, b.tick4);

@@ -8,6 +8,7 @@
 #include <cstdint>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "snapshot.h"
@@ -39,29 +40,43 @@ struct Identity {
 //   focnt:    the last committed series (the commit point)
 //   retrycnt: the series under way (its pending mark)
 //   env:      lock takeovers this thread found (series of a dead holder)
+inline constexpr std::string_view kLedgerWords[] = {"focnt", "retrycnt", "env"};
 
 // A text derived from a seed: empty for 0, else 1 to 255 printable characters.
 std::string text_of(std::uint32_t seed);
 
+// What a series may set on a record: one of its words (by its place among the record's words)
+// or one of its other attributes.
+struct Field {
+    bool is_word = false;
+    std::size_t word = 0;
+    shmrmctl::Other other{};
+    std::string_view name;
+};
+// The fields of a record, numbered as Op::field counts them: its words (the 32-bit ones in row
+// order, then the narrower ones; a group's bookkeeping words left out), then its sv,
+// description and free area where it has them.
+const std::vector<Field>& group_fields();
+const std::vector<Field>& resource_fields();
+const std::vector<Field>& monitor_fields();
+
 struct Rsc {
     int k = 0;
-    int stat = 0, focnt = 0, strtret = 0, stopret = 0;
+    shmrmctl::ResourceWords words{};
     std::uint32_t sv = 0, descript = 0;  // text seeds
     std::array<std::uint8_t, 256> free{};
 };
 
 struct Mon {
     int k = 0;
-    std::array<int, 9> words{};       // stat fo proc inst instdata simuflag targetpid ret parentpid
-    std::array<short, 3> counters{};  // scriptcnt restartcnt finactcnt
+    shmrmctl::MonitorWords words{};
     std::uint32_t descript = 0;
     int progress = 0;
     bool tick3_zero = true, tick4_zero = true;
 };
 
 struct Grp {
-    int stat = 0;
-    std::uint16_t flag = 0;
+    shmrmctl::GroupWords words{};  // the bookkeeping words stay 0 here
     std::uint32_t sv = 0;
     std::vector<Rsc> rsc;
 };
@@ -75,14 +90,14 @@ struct Model {
 enum class OpKind : std::uint8_t {
     kAddRsc,
     kRmRsc,
-    kSetRsc,  // field: 0 stat, 1 focnt, 2 strtret, 3 stopret, 4 sv, 5 descript, 6 free
-    kSetGrp,  // field: 0 stat, 1 flag, 2 sv
+    kSetRsc,  // field: of resource_fields()
+    kSetGrp,  // field: of group_fields()
     kAddMon,
     kRmMon,
-    kSetMon,  // field: 0-8 words, 9-11 counters, 12 descript
+    kSetMon,  // field: of monitor_fields()
     kProgress,
     kAddScratch,
-    kSetScratch,  // field: 0 stat, 1 sv
+    kSetScratch,  // field: of group_fields()
     kAddScratchRsc,
     kSetScratchRsc,  // its stat
     kRmScratch,

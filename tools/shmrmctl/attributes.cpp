@@ -6,7 +6,8 @@
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
-#include <variant>
+#include <tuple>
+#include <type_traits>
 
 #include "render.h"
 #include "vexshmrm.h"
@@ -16,54 +17,195 @@ namespace shmrmctl {
 
 namespace {
 
-using HdrGet = int (*)(int*);
-using MaxGet = int (*)(int*, int*, int*);
-using GrpGetInt = int (*)(const char*, int*);
-using GrpGetFlag = int (*)(const char*, unsigned short*);
-using GrpGetText = int (*)(const char*, char*);
-using RscGetInt = int (*)(const char*, const char*, const char*, int*);
-using RscGetText = int (*)(const char*, const char*, const char*, char*);
-using RscGetFree = int (*)(const char*, const char*, const char*, void*, int*);
-using MonGetInt = int (*)(const char*, const char*, int*);
-using MonGetProgress = int (*)(const char*, const char*, int*, unsigned int*, unsigned int*);
-using GetDescript = int (*)(const char*, const char*, const char*, char*, const int*);
-using Getter = std::variant<HdrGet, MaxGet, GrpGetInt, GrpGetFlag, GrpGetText, RscGetInt,
-                            RscGetText, RscGetFree, MonGetInt, MonGetProgress, GetDescript>;
+constexpr long long kInt32Low = -2147483648LL;
+constexpr long long kUInt32High = 4294967295LL;  // stored bit for bit
 
-using HdrSet = int (*)(int);
-using MaxSet = int (*)(int, int, int);
-using GrpSetInt = int (*)(const char*, int);
-using GrpSetFlag = int (*)(const char*, unsigned short);
-using GrpSetText = int (*)(const char*, const char*);
-using RscSetInt = int (*)(const char*, const char*, const char*, int);
-using RscSetText = int (*)(const char*, const char*, const char*, const char*);
-using RscSetFree = int (*)(const char*, const char*, const char*, const void*, int);
-using MonSetInt = int (*)(const char*, const char*, int);
-using MonSetShort = int (*)(const char*, const char*, short);
-using SetDescript = int (*)(const char*, const char*, const char*, const char*, int);
-using Setter = std::variant<HdrSet, MaxSet, GrpSetInt, GrpSetFlag, GrpSetText, RscSetInt,
-                            RscSetText, RscSetFree, MonSetInt, MonSetShort, SetDescript>;
+// An export called with the keys its record uses, told apart by their count: none (the header),
+// the group, the type and name (a monitor), or group, type and name (a resource); then `rest`.
+template <typename... A>
+constexpr std::size_t arity(int (*)(A...)) {
+    return sizeof...(A);
+}
+template <auto F, typename... Rest>
+int with_keys(const Keys& k, Rest... rest) {
+    constexpr std::size_t keys = arity(F) - sizeof...(Rest);
+    if constexpr (keys == 0)
+        return F(rest...);
+    else if constexpr (keys == 1)
+        return F(k.group.c_str(), rest...);
+    else if constexpr (keys == 2)
+        return F(k.typ(), k.nam(), rest...);
+    else
+        return F(k.grp(), k.typ(), k.nam(), rest...);
+}
+
+// The last parameter's type of an export.
+template <typename... A>
+auto last_parameter(int (*)(A...)) -> std::tuple_element_t<sizeof...(A) - 1, std::tuple<A...>>;
+template <auto F>
+using Last = decltype(last_parameter(F));
+
+// A getter or setter of an attribute; a setter sets `error` instead of calling its export when
+// the value is no value of the attribute.
+using Get = int (*)(Kind, const Keys&, std::string& value);
+using Set = int (*)(Kind, const Keys&, const std::string& value, std::string& error);
+
+int bad(std::string& error, const std::string& value, const char* what) {
+    error = fmt::format("'{}' is not {}", value, what);
+    return 0;
+}
+
+// A word: its integer value; written within the range of the setter's type.
+template <auto F>
+int word_get(Kind, const Keys& k, std::string& value) {
+    std::remove_pointer_t<Last<F>> v = 0;
+    const int rc = with_keys<F>(k, &v);
+    value = std::to_string(v);
+    return rc;
+}
+template <auto F>
+int word_set(Kind, const Keys& k, const std::string& value, std::string& error) {
+    using T = Last<F>;
+    static_assert(sizeof(T) == 4 || sizeof(T) == 2, "a 32-bit or 16-bit word");
+    constexpr bool wide = sizeof(T) == 4, is_unsigned = std::is_unsigned_v<T>;
+    constexpr long long low = wide ? kInt32Low : is_unsigned ? 0 : -32768;
+    constexpr long long high = wide ? kUInt32High : 0xffff;
+    const char* what = wide          ? "a 32-bit integer"
+                       : is_unsigned ? "a 16-bit unsigned integer"
+                                     : "a 16-bit integer";
+    long long v = 0;
+    if (!parse_integer(value, low, high, v)) return bad(error, value, what);
+    return with_keys<F>(k, static_cast<T>(v));
+}
+
+// sv: a text of up to 255 characters.
+template <auto F>
+int text_get(Kind, const Keys& k, std::string& value) {
+    char buf[SHMRM_TEXT_LEN + 1] = {};
+    const int rc = with_keys<F>(k, buf);
+    value = std::string(buf, strnlen(buf, SHMRM_TEXT_LEN));
+    return rc;
+}
+template <auto F>
+int text_set(Kind, const Keys& k, const std::string& value, std::string&) {
+    return with_keys<F>(k, value.c_str());
+}
+
+// free: up to 256 raw bytes, in hex.
+bool parse_hex(const std::string& text, std::vector<unsigned char>& out) {
+    if (text.size() % 2 != 0) return false;
+    for (std::size_t i = 0; i < text.size(); i += 2) {
+        long long byte = 0;
+        if (!parse_integer("0x" + text.substr(i, 2), 0, 255, byte)) return false;
+        out.push_back(static_cast<unsigned char>(byte));
+    }
+    return true;
+}
+template <auto F>
+int free_get(Kind, const Keys& k, std::string& value) {
+    unsigned char buf[256] = {};
+    int len = static_cast<int>(sizeof buf);
+    const int rc = with_keys<F>(k, buf, &len);
+    value = hex(buf, static_cast<std::size_t>(std::clamp(len, 0, 256)));
+    return rc;
+}
+template <auto F>
+int free_set(Kind, const Keys& k, const std::string& value, std::string& error) {
+    std::vector<unsigned char> data;
+    if (!parse_hex(value, data) || data.empty() || data.size() > 256) {
+        return bad(error, value, "1 to 256 bytes in hex");
+    }
+    return with_keys<F>(k, data.data(), static_cast<int>(data.size()));
+}
+
+// descript: the export addresses a resource by its group, a monitor without one.
+const char* descript_group(Kind kind, const Keys& k) {
+    return kind == Kind::kResource ? k.grp() : nullptr;
+}
+template <auto F>
+int descript_get(Kind kind, const Keys& k, std::string& value) {
+    char buf[SHMRM_TEXT_LEN + 1] = {};
+    const int len = SHMRM_TEXT_LEN;
+    const int rc = F(descript_group(kind, k), k.typ(), k.nam(), buf, &len);
+    value = std::string(buf, strnlen(buf, SHMRM_TEXT_LEN));
+    return rc;
+}
+template <auto F>
+int descript_set(Kind kind, const Keys& k, const std::string& value, std::string& error) {
+    if (kind == Kind::kResource && k.any_group) {
+        error = "a resource's descript needs its group name, not '*'";
+        return 0;
+    }
+    if (k.any_type) {
+        error = "descript needs the record's type, not '*'";
+        return 0;
+    }
+    // The text with its NUL, so a monitor's raw copy ends the text too.
+    const std::size_t n = std::min<std::size_t>(value.size() + 1, SHMRM_TEXT_LEN);
+    return F(descript_group(kind, k), k.typ(), k.nam(), value.c_str(), static_cast<int>(n));
+}
+
+// progress: the step, read with its two tick stamps.
+template <auto F>
+int progress_get(Kind, const Keys& k, std::string& value) {
+    int step = 0;
+    unsigned int t3 = 0, t4 = 0;
+    const int rc = with_keys<F>(k, &step, &t3, &t4);
+    value = fmt::format("{} {} {}", step, t3, t4);
+    return rc;
+}
+template <auto F>
+int progress_set(Kind kind, const Keys& k, const std::string& value, std::string& error) {
+    return word_set<F>(kind, k, value, error);
+}
+
+// maxvalue: the three capacities, GRPMAX,RSCMAX,MONMAX.
+template <auto F>
+int maxvalue_get(Kind, const Keys&, std::string& value) {
+    int g = 0, r = 0, m = 0;
+    const int rc = F(&g, &r, &m);
+    value = fmt::format("{},{},{}", g, r, m);
+    return rc;
+}
+template <auto F>
+int maxvalue_set(Kind, const Keys&, const std::string& value, std::string& error) {
+    std::array<long long, 3> v{};
+    const auto c1 = value.find(','), c2 = value.rfind(',');
+    if (c1 == std::string::npos || c1 == c2 ||
+        !parse_integer(value.substr(0, c1), kInt32Low, INT32_MAX, v[0]) ||
+        !parse_integer(value.substr(c1 + 1, c2 - c1 - 1), kInt32Low, INT32_MAX, v[1]) ||
+        !parse_integer(value.substr(c2 + 1), kInt32Low, INT32_MAX, v[2])) {
+        return bad(error, value, "GRPMAX,RSCMAX,MONMAX");
+    }
+    return F(static_cast<int>(v[0]), static_cast<int>(v[1]), static_cast<int>(v[2]));
+}
 
 struct Attribute {
     Kind kind;
     const char* name;
-    Getter get;
+    Get get;
     const char* get_name;
-    Setter set;
+    Set set;
     const char* set_name;
 };
 
-// The rows of the records' schema, each onto its getter and setter.
-#define SHMRMCTL_ROW(kind, name, getter, setter) \
-    {kind, #name, shmrm_##getter, "shmrm_" #getter, shmrm_##setter, "shmrm_" #setter},
+// The rows of the records' schema, each onto its getter and setter as its shape reads and
+// writes them.
+#define SHMRMCTL_ROW(kind, name, shape, getter, setter) \
+    {kind,                                              \
+     #name,                                             \
+     shape##_get<shmrm_##getter>,                       \
+     "shmrm_" #getter,                                  \
+     shape##_set<shmrm_##setter>,                       \
+     "shmrm_" #setter},
 #define SHMRMCTL_HEADER(name, shape, ft, gt, st, getter, setter, ...) \
-    SHMRMCTL_ROW(Kind::kHeader, name, getter, setter)
+    SHMRMCTL_ROW(Kind::kHeader, name, shape, getter, setter)
 #define SHMRMCTL_GROUP(name, shape, ft, gt, st, getter, setter, ...) \
-    SHMRMCTL_ROW(Kind::kGroup, name, getter, setter)
+    SHMRMCTL_ROW(Kind::kGroup, name, shape, getter, setter)
 #define SHMRMCTL_RESOURCE(name, shape, ft, gt, st, getter, setter, ...) \
-    SHMRMCTL_ROW(Kind::kResource, name, getter, setter)
+    SHMRMCTL_ROW(Kind::kResource, name, shape, getter, setter)
 #define SHMRMCTL_MONITOR(name, shape, ft, gt, st, getter, setter, ...) \
-    SHMRMCTL_ROW(Kind::kMonitor, name, getter, setter)
+    SHMRMCTL_ROW(Kind::kMonitor, name, shape, getter, setter)
 
 const Attribute kAttributes[] = {
     SHMRM_HEADER_ATTRIBUTES(SHMRMCTL_HEADER) SHMRM_GROUP_ATTRIBUTES(SHMRMCTL_GROUP)
@@ -74,13 +216,6 @@ const Attribute kAttributes[] = {
 #undef SHMRMCTL_GROUP
 #undef SHMRMCTL_RESOURCE
 #undef SHMRMCTL_MONITOR
-
-template <class... F>
-struct Overloaded : F... {
-    using F::operator()...;
-};
-template <class... F>
-Overloaded(F...) -> Overloaded<F...>;
 
 const Attribute* find(Kind kind, std::string_view name) {
     for (const Attribute& a : kAttributes) {
@@ -95,24 +230,6 @@ Outcome unknown(Kind kind, std::string_view name) {
         known += (known.empty() ? "" : ", ") + n;
     return {0, {}, {}, fmt::format("unknown attribute '{}' (known: {})", name, known)};
 }
-
-// A resource's description needs its group: without one the export addresses a monitor.
-const char* descript_group(Kind kind, const Keys& k) {
-    return kind == Kind::kResource ? k.grp() : nullptr;
-}
-
-bool parse_hex(const std::string& text, std::vector<unsigned char>& out) {
-    if (text.size() % 2 != 0) return false;
-    for (std::size_t i = 0; i < text.size(); i += 2) {
-        long long byte = 0;
-        if (!parse_integer("0x" + text.substr(i, 2), 0, 255, byte)) return false;
-        out.push_back(static_cast<unsigned char>(byte));
-    }
-    return true;
-}
-
-constexpr long long kInt32Low = -2147483648LL;
-constexpr long long kUInt32High = 4294967295LL;  // stored bit for bit
 
 }  // namespace
 
@@ -191,82 +308,7 @@ Outcome get_attribute(Kind kind, const Keys& k, std::string_view name) {
     if (a == nullptr) return unknown(kind, name);
     Outcome o;
     o.call = a->get_name;
-    auto text = [](const char* buf, std::size_t size) {
-        return std::string(buf, strnlen(buf, size));
-    };
-    o.rc = std::visit(Overloaded{
-                          [&](HdrGet f) {
-                              int v = 0;
-                              const int rc = f(&v);
-                              o.value = std::to_string(v);
-                              return rc;
-                          },
-                          [&](MaxGet f) {
-                              int g = 0, r = 0, m = 0;
-                              const int rc = f(&g, &r, &m);
-                              o.value = fmt::format("{},{},{}", g, r, m);
-                              return rc;
-                          },
-                          [&](GrpGetInt f) {
-                              int v = 0;
-                              const int rc = f(k.group.c_str(), &v);
-                              o.value = std::to_string(v);
-                              return rc;
-                          },
-                          [&](GrpGetFlag f) {
-                              unsigned short v = 0;
-                              const int rc = f(k.group.c_str(), &v);
-                              o.value = std::to_string(v);
-                              return rc;
-                          },
-                          [&](GrpGetText f) {
-                              char buf[SHMRM_TEXT_LEN + 1] = {};
-                              const int rc = f(k.group.c_str(), buf);
-                              o.value = text(buf, SHMRM_TEXT_LEN);
-                              return rc;
-                          },
-                          [&](RscGetInt f) {
-                              int v = 0;
-                              const int rc = f(k.grp(), k.typ(), k.nam(), &v);
-                              o.value = std::to_string(v);
-                              return rc;
-                          },
-                          [&](RscGetText f) {
-                              char buf[SHMRM_TEXT_LEN + 1] = {};
-                              const int rc = f(k.grp(), k.typ(), k.nam(), buf);
-                              o.value = text(buf, SHMRM_TEXT_LEN);
-                              return rc;
-                          },
-                          [&](RscGetFree f) {
-                              unsigned char buf[256] = {};
-                              int len = static_cast<int>(sizeof buf);
-                              const int rc = f(k.grp(), k.typ(), k.nam(), buf, &len);
-                              o.value = hex(buf, static_cast<std::size_t>(std::clamp(len, 0, 256)));
-                              return rc;
-                          },
-                          [&](MonGetInt f) {
-                              int v = 0;
-                              const int rc = f(k.typ(), k.nam(), &v);
-                              o.value = std::to_string(v);
-                              return rc;
-                          },
-                          [&](MonGetProgress f) {
-                              int step = 0;
-                              unsigned int t3 = 0, t4 = 0;
-                              const int rc = f(k.typ(), k.nam(), &step, &t3, &t4);
-                              o.value = fmt::format("{} {} {}", step, t3, t4);
-                              return rc;
-                          },
-                          [&](GetDescript f) {
-                              char buf[SHMRM_TEXT_LEN + 1] = {};
-                              const int len = SHMRM_TEXT_LEN;
-                              const int rc =
-                                  f(descript_group(kind, k), k.typ(), k.nam(), buf, &len);
-                              o.value = text(buf, SHMRM_TEXT_LEN);
-                              return rc;
-                          },
-                      },
-                      a->get);
+    o.rc = a->get(kind, k, o.value);
     if (o.rc != SHMRM_OK) o.value.clear();
     return o;
 }
@@ -275,97 +317,8 @@ Outcome set_attribute(Kind kind, const Keys& k, std::string_view name, const std
     const Attribute* a = find(kind, name);
     if (a == nullptr) return unknown(kind, name);
     Outcome o;
-    auto bad = [&](const char* what) {
-        o.error = fmt::format("'{}' is not {}", value, what);
-        return 0;
-    };
-    auto integer = [&](long long low, long long high, long long& v) {
-        return parse_integer(value, low, high, v);
-    };
-    const int rc = std::visit(
-        Overloaded{
-            [&](HdrSet f) {
-                long long v = 0;
-                if (!integer(kInt32Low, kUInt32High, v)) return bad("a 32-bit integer");
-                o.call = a->set_name;
-                return f(static_cast<int>(v));
-            },
-            [&](MaxSet f) {
-                std::array<long long, 3> v{};
-                const auto c1 = value.find(','), c2 = value.rfind(',');
-                if (c1 == std::string::npos || c1 == c2 ||
-                    !parse_integer(value.substr(0, c1), kInt32Low, INT32_MAX, v[0]) ||
-                    !parse_integer(value.substr(c1 + 1, c2 - c1 - 1), kInt32Low, INT32_MAX, v[1]) ||
-                    !parse_integer(value.substr(c2 + 1), kInt32Low, INT32_MAX, v[2])) {
-                    return bad("GRPMAX,RSCMAX,MONMAX");
-                }
-                o.call = a->set_name;
-                return f(static_cast<int>(v[0]), static_cast<int>(v[1]), static_cast<int>(v[2]));
-            },
-            [&](GrpSetInt f) {
-                long long v = 0;
-                if (!integer(kInt32Low, kUInt32High, v)) return bad("a 32-bit integer");
-                o.call = a->set_name;
-                return f(k.group.c_str(), static_cast<int>(v));
-            },
-            [&](GrpSetFlag f) {
-                long long v = 0;
-                if (!integer(0, 0xffff, v)) return bad("a 16-bit unsigned integer");
-                o.call = a->set_name;
-                return f(k.group.c_str(), static_cast<unsigned short>(v));
-            },
-            [&](GrpSetText f) {
-                o.call = a->set_name;
-                return f(k.group.c_str(), value.c_str());
-            },
-            [&](RscSetInt f) {
-                long long v = 0;
-                if (!integer(kInt32Low, kUInt32High, v)) return bad("a 32-bit integer");
-                o.call = a->set_name;
-                return f(k.grp(), k.typ(), k.nam(), static_cast<int>(v));
-            },
-            [&](RscSetText f) {
-                o.call = a->set_name;
-                return f(k.grp(), k.typ(), k.nam(), value.c_str());
-            },
-            [&](RscSetFree f) {
-                std::vector<unsigned char> data;
-                if (!parse_hex(value, data) || data.empty() || data.size() > 256) {
-                    return bad("1 to 256 bytes in hex");
-                }
-                o.call = a->set_name;
-                return f(k.grp(), k.typ(), k.nam(), data.data(), static_cast<int>(data.size()));
-            },
-            [&](MonSetInt f) {
-                long long v = 0;
-                if (!integer(kInt32Low, kUInt32High, v)) return bad("a 32-bit integer");
-                o.call = a->set_name;
-                return f(k.typ(), k.nam(), static_cast<int>(v));
-            },
-            [&](MonSetShort f) {
-                long long v = 0;
-                if (!integer(-32768, 0xffff, v)) return bad("a 16-bit integer");
-                o.call = a->set_name;
-                return f(k.typ(), k.nam(), static_cast<short>(v));
-            },
-            [&](SetDescript f) {
-                if (kind == Kind::kResource && k.any_group) {
-                    o.error = "a resource's descript needs its group name, not '*'";
-                    return 0;
-                }
-                if (k.any_type) {
-                    o.error = "descript needs the record's type, not '*'";
-                    return 0;
-                }
-                // The text with its NUL, so a monitor's raw copy ends the text too.
-                const std::size_t n = std::min<std::size_t>(value.size() + 1, SHMRM_TEXT_LEN);
-                o.call = a->set_name;
-                return f(descript_group(kind, k), k.typ(), k.nam(), value.c_str(),
-                         static_cast<int>(n));
-            },
-        },
-        a->set);
-    o.rc = rc;
+    o.rc = a->set(kind, k, value, o.error);
+    if (o.error.empty()) o.call = a->set_name;
     return o;
 }
 

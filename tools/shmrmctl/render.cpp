@@ -37,6 +37,65 @@ std::string duration_cell(const Monitor& m, const ViewOptions& o) {
     return "-";
 }
 
+// A record's columns: `keys` first, then its words in row order, then `counts`, then what its
+// other rows show, in the order of Other.
+template <typename Record>
+std::vector<std::string> columns(std::initializer_list<const char*> keys,
+                                 std::initializer_list<const char*> counts = {}) {
+    std::vector<std::string> out(keys.begin(), keys.end());
+    Record::each([&](auto word) { out.emplace_back(word.name); });
+    out.insert(out.end(), counts.begin(), counts.end());
+    if constexpr (Record::has(Other::kText)) out.emplace_back("sv");
+    if constexpr (Record::has(Other::kProgress)) {
+        for (const char* c : {"progress", "tick3", "tick4", "secs"})
+            out.emplace_back(c);
+    }
+    if constexpr (Record::has(Other::kDescript)) out.emplace_back("descript");
+    if constexpr (Record::has(Other::kFree)) out.emplace_back("free");
+    return out;
+}
+
+// A record's cells in the order of columns<Record>: `keys` and `counts` are given.
+template <typename Record>
+std::vector<std::string> cells(const Record& r, std::vector<std::string> keys,
+                               std::initializer_list<std::string> counts, const ViewOptions& o) {
+    std::vector<std::string> out = std::move(keys);
+    Record::each([&](auto word) {
+        const auto v = r.*word.value;
+        if constexpr (kFlagWord<typename decltype(word)::Value>) {
+            out.push_back(fmt::format("0x{:04x}", v));
+        } else {
+            out.push_back(num(v));
+        }
+    });
+    out.insert(out.end(), counts.begin(), counts.end());
+    const std::size_t w = o.text_width;
+    if constexpr (Record::has(Other::kText)) out.push_back(cut(r.sv, w));
+    if constexpr (Record::has(Other::kProgress)) {
+        for (auto&& c : {num(r.progress), num(r.tick3), num(r.tick4), duration_cell(r, o)})
+            out.push_back(c);
+    }
+    if constexpr (Record::has(Other::kDescript)) out.push_back(cut(r.descript, w));
+    if constexpr (Record::has(Other::kFree)) out.push_back(free_cell(r.free, w));
+    return out;
+}
+
+// A record as a JSON object: its words by name, and what its other rows hold.
+template <typename Record>
+nlohmann::json object(const Record& r) {
+    nlohmann::json j = nlohmann::json::object();
+    Record::each([&](auto word) { j[std::string(word.name)] = r.*word.value; });
+    if constexpr (Record::has(Other::kText)) j["sv"] = r.sv;
+    if constexpr (Record::has(Other::kProgress)) {
+        j["progress"] = r.progress;
+        j["tick3"] = r.tick3;
+        j["tick4"] = r.tick4;
+    }
+    if constexpr (Record::has(Other::kDescript)) j["descript"] = r.descript;
+    if constexpr (Record::has(Other::kFree)) j["free"] = hex(r.free.data(), r.free.size());
+    return j;
+}
+
 }  // namespace
 
 std::string hex(const std::uint8_t* data, std::size_t length) {
@@ -66,64 +125,36 @@ double tick_seconds(std::uint32_t from, std::uint32_t to) {
 std::vector<Table> tables(const Snapshot& s, const ViewOptions& o) {
     std::vector<Table> out;
     const std::size_t w = o.text_width;
+    auto index = [](std::size_t i) { return num(static_cast<long long>(i)); };
     if (s.has_header) {
         const Header& h = s.header;
-        out.push_back({"region",
-                       {"size", "grpmax", "rscmax", "monmax", "grpcnt", "moncnt", "acstat",
-                        "acstat2", "pow32port"},
-                       {{num(static_cast<long long>(s.size)), num(h.caps.groups),
-                         num(h.caps.resources), num(h.caps.monitors), num(h.grpcnt), num(h.moncnt),
-                         num(h.acstat), num(h.acstat2), num(h.pow32port)}}});
+        Table region{"region",
+                     columns<Header>({"size", "grpmax", "rscmax", "monmax", "grpcnt", "moncnt"}),
+                     {}};
+        region.rows.push_back(
+            cells(h,
+                  {num(static_cast<long long>(s.size)), num(h.caps.groups), num(h.caps.resources),
+                   num(h.caps.monitors), num(h.grpcnt), num(h.moncnt)},
+                  {}, o));
+        out.push_back(std::move(region));
     }
-    Table groups{
-        "groups", {"#", "name", "stat", "env", "flag", "retrycnt", "focnt", "rsccnt", "sv"}, {}};
-    Table resources{"resources",
-                    {"group", "#", "type", "name", "stat", "focnt", "strtret", "stopret", "sv",
-                     "descript", "free"},
-                    {}};
+    Table groups{"groups", columns<Group>({"#", "name"}, {"rsccnt"}), {}};
+    Table resources{"resources", columns<Resource>({"group", "#", "type", "name"}), {}};
     for (std::size_t g = 0; g < s.groups.size(); ++g) {
         const Group& grp = s.groups[g];
-        groups.rows.push_back({num(static_cast<long long>(g)), cut(grp.name, w), num(grp.stat),
-                               num(grp.env), fmt::format("0x{:04x}", grp.flag), num(grp.retrycnt),
-                               num(grp.focnt), num(grp.rsccnt), cut(grp.sv, w)});
+        groups.rows.push_back(cells(grp, {index(g), cut(grp.name, w)}, {num(grp.rsccnt)}, o));
         for (std::size_t j = 0; j < grp.resources.size(); ++j) {
             const Resource& r = grp.resources[j];
-            resources.rows.push_back({cut(grp.name, w), num(static_cast<long long>(j)),
-                                      cut(r.type, w), cut(r.name, w), num(r.stat), num(r.focnt),
-                                      num(r.strtret), num(r.stopret), cut(r.sv, w),
-                                      cut(r.descript, w), free_cell(r.free, w)});
+            resources.rows.push_back(
+                cells(r, {cut(grp.name, w), index(j), cut(r.type, w), cut(r.name, w)}, {}, o));
         }
     }
     out.push_back(std::move(groups));
     out.push_back(std::move(resources));
-    Table monitors{
-        "monitors",
-        {"#",         "type",      "name",       "stat",      "fo",       "proc",      "inst",
-         "instdata",  "scriptcnt", "restartcnt", "finactcnt", "simuflag", "targetpid", "ret",
-         "parentpid", "progress",  "tick3",      "tick4",     "secs",     "descript"},
-        {}};
+    Table monitors{"monitors", columns<Monitor>({"#", "type", "name"}), {}};
     for (std::size_t k = 0; k < s.monitors.size(); ++k) {
         const Monitor& m = s.monitors[k];
-        monitors.rows.push_back({num(static_cast<long long>(k)),
-                                 cut(m.type, w),
-                                 cut(m.name, w),
-                                 num(m.stat),
-                                 num(m.fo),
-                                 num(m.proc),
-                                 num(m.inst),
-                                 num(m.instdata),
-                                 num(m.scriptcnt),
-                                 num(m.restartcnt),
-                                 num(m.finactcnt),
-                                 num(m.simuflag),
-                                 num(m.targetpid),
-                                 num(m.ret),
-                                 num(m.parentpid),
-                                 num(m.progress),
-                                 num(m.tick3),
-                                 num(m.tick4),
-                                 duration_cell(m, o),
-                                 cut(m.descript, w)});
+        monitors.rows.push_back(cells(m, {index(k), cut(m.type, w), cut(m.name, w)}, {}, o));
     }
     out.push_back(std::move(monitors));
     if (!s.damage.empty()) {
@@ -146,10 +177,12 @@ nlohmann::json to_json(const Snapshot& s) {
     j["size"] = s.size;
     if (s.has_header) {
         const Header& h = s.header;
-        j["header"] = {{"grpmax", h.caps.groups},   {"rscmax", h.caps.resources},
-                       {"monmax", h.caps.monitors}, {"grpcnt", h.grpcnt},
-                       {"moncnt", h.moncnt},        {"acstat", h.acstat},
-                       {"acstat2", h.acstat2},      {"pow32port", h.pow32port}};
+        json& head = j["header"] = object(h);
+        head["grpmax"] = h.caps.groups;
+        head["rscmax"] = h.caps.resources;
+        head["monmax"] = h.caps.monitors;
+        head["grpcnt"] = h.grpcnt;
+        head["moncnt"] = h.moncnt;
     } else {
         j["header"] = nullptr;
     }
@@ -157,46 +190,20 @@ nlohmann::json to_json(const Snapshot& s) {
     for (const Group& g : s.groups) {
         json rs = json::array();
         for (const Resource& r : g.resources) {
-            rs.push_back({{"name", r.name},
-                          {"type", r.type},
-                          {"descript", r.descript},
-                          {"free", hex(r.free.data(), r.free.size())},
-                          {"sv", r.sv},
-                          {"stat", r.stat},
-                          {"focnt", r.focnt},
-                          {"strtret", r.strtret},
-                          {"stopret", r.stopret}});
+            json& rj = rs.emplace_back(object(r));
+            rj["name"] = r.name;
+            rj["type"] = r.type;
         }
-        j["groups"].push_back({{"name", g.name},
-                               {"sv", g.sv},
-                               {"stat", g.stat},
-                               {"env", g.env},
-                               {"rsccnt", g.rsccnt},
-                               {"flag", g.flag},
-                               {"retrycnt", g.retrycnt},
-                               {"focnt", g.focnt},
-                               {"resources", std::move(rs)}});
+        json& gj = j["groups"].emplace_back(object(g));
+        gj["name"] = g.name;
+        gj["rsccnt"] = g.rsccnt;
+        gj["resources"] = std::move(rs);
     }
     j["monitors"] = json::array();
     for (const Monitor& m : s.monitors) {
-        j["monitors"].push_back({{"name", m.name},
-                                 {"type", m.type},
-                                 {"descript", m.descript},
-                                 {"stat", m.stat},
-                                 {"fo", m.fo},
-                                 {"proc", m.proc},
-                                 {"inst", m.inst},
-                                 {"instdata", m.instdata},
-                                 {"scriptcnt", m.scriptcnt},
-                                 {"restartcnt", m.restartcnt},
-                                 {"finactcnt", m.finactcnt},
-                                 {"simuflag", m.simuflag},
-                                 {"targetpid", m.targetpid},
-                                 {"ret", m.ret},
-                                 {"progress", m.progress},
-                                 {"parentpid", m.parentpid},
-                                 {"tick3", m.tick3},
-                                 {"tick4", m.tick4}});
+        json& mj = j["monitors"].emplace_back(object(m));
+        mj["name"] = m.name;
+        mj["type"] = m.type;
     }
     j["damage"] = s.damage;
     return j;

@@ -85,10 +85,7 @@ Resource decode_resource(const rmrsc& r) {
     out.descript = text(r.descript);
     std::memcpy(out.free.data(), r.free, out.free.size());
     out.sv = text(r.sv);
-    out.stat = r.stat;
-    out.focnt = r.focnt;
-    out.strtret = r.strtret;
-    out.stopret = r.stopret;
+    copy_words<ResourceWords>(r, out);
     return out;
 }
 
@@ -97,19 +94,8 @@ Monitor decode_monitor(const rmmon& m) {
     out.name = text(m.name);
     out.type = text(m.type);
     out.descript = text(m.descript);
-    out.stat = m.stat;
-    out.fo = m.fo;
-    out.proc = m.proc;
-    out.inst = m.inst;
-    out.instdata = m.instdata;
-    out.scriptcnt = m.scriptcnt;
-    out.restartcnt = m.restartcnt;
-    out.finactcnt = m.finactcnt;
-    out.simuflag = m.simuflag;
-    out.targetpid = m.targetpid;
-    out.ret = m.ret;
+    copy_words<MonitorWords>(m, out);
     out.progress = m.progress;
-    out.parentpid = m.parentpid;
     out.tick3 = m.tick3;
     out.tick4 = m.tick4;
     return out;
@@ -145,9 +131,7 @@ Snapshot walk(ByteView bytes, std::optional<Capacities> layout, std::size_t page
     h.caps = {head.grpmax, head.rscmax, head.monmax};
     h.grpcnt = head.grpcnt;
     h.moncnt = head.moncnt;
-    h.acstat = head.acstat;
-    h.acstat2 = head.acstat2;
-    h.pow32port = head.pow32port;
+    copy_words<HeaderWords>(head, h);
 
     const Capacities caps = layout.value_or(h.caps);
     if (layout && *layout != h.caps) {
@@ -194,12 +178,8 @@ Snapshot walk(ByteView bytes, std::optional<Capacities> layout, std::size_t page
         Group grp;
         grp.name = text(head_g.name);
         grp.sv = text(head_g.sv);
-        grp.stat = head_g.stat;
-        grp.env = head_g.env;
         grp.rsccnt = head_g.rsccnt;
-        grp.flag = head_g.flag;
-        grp.retrycnt = head_g.retrycnt;
-        grp.focnt = head_g.focnt;
+        copy_words<GroupWords>(head_g, grp);
         if (checking && !terminated(head_g.name)) {
             damage.push_back(fmt::format("group {}: name has no NUL within 32 bytes", g));
         }

@@ -13,6 +13,8 @@
 #include <string>
 #include <vector>
 
+#include "words.h"
+
 namespace shmrmctl {
 
 using Bytes = std::vector<std::byte>;
@@ -25,59 +27,43 @@ struct Capacities {
     bool operator==(const Capacities&) const = default;
 };
 
-struct Header {
+// Each record keeps its integer attributes in the words struct of its schema rows (words.h),
+// and beside them what is not a word: keys, texts, counts and the progress stamps.
+struct Header : HeaderWords {
     Capacities caps;
     int grpcnt = 0;
     int moncnt = 0;
-    int acstat = 0;
-    int acstat2 = 0;
-    int pow32port = 0;
 };
 
-struct Resource {
+struct Resource : ResourceWords {
     std::string name;
     std::string type;
     std::string descript;
     std::array<std::uint8_t, 256> free{};
     std::string sv;
-    int stat = 0;
-    int focnt = 0;
-    int strtret = 0;
-    int stopret = 0;
 };
 
-struct Group {
+struct Group : GroupWords {
     std::string name;
     std::string sv;
-    int stat = 0;
-    int env = 0;
     int rsccnt = 0;  // as stored; `resources` holds the slots that could be decoded
-    std::uint16_t flag = 0;
-    int retrycnt = 0;
-    int focnt = 0;
     std::vector<Resource> resources;
 };
 
-struct Monitor {
+struct Monitor : MonitorWords {
     std::string name;
     std::string type;
     std::string descript;
-    int stat = 0;
-    int fo = 0;
-    int proc = 0;
-    int inst = 0;
-    int instdata = 0;
-    std::int16_t scriptcnt = 0;
-    std::int16_t restartcnt = 0;
-    std::int16_t finactcnt = 0;
-    int simuflag = 0;
-    int targetpid = 0;
-    int ret = 0;
     int progress = 0;
-    int parentpid = 0;
     std::uint32_t tick3 = 0;
     std::uint32_t tick4 = 0;
 };
+
+// Copies every word of a record of the region into the words struct of its snapshot.
+template <typename Words>
+void copy_words(const typename Words::Record& from, Words& to) {
+    Words::each([&](auto w) { to.*w.value = from.*w.field; });
+}
 
 struct Snapshot {
     std::size_t size = 0;  // bytes decoded from

@@ -2,10 +2,11 @@
  * @file vexshmrm_schema.h
  * @brief Every attribute of the records, one row each.
  *
- * The library's exports of the integer attributes, shmrmctl's attribute table, its status
- * columns and JSON keys, and the tests' reference model are all made from these rows. Adding
- * an integer attribute to a record is: the field in its struct (vexshmrm.h), the two
- * prototypes with their documentation and their two lines in vexshmrm.def, and one row here.
+ * The library's exports of the integer attributes and their prototypes (below), shmrmctl's
+ * attribute table, its status columns and JSON keys, the tests' reference model and the stress
+ * program's model are all made from these rows. Adding an integer attribute to a record is: the
+ * field in its struct (vexshmrm.h), its getter's and setter's lines in vexshmrm.def, and one row
+ * here (see "Adding an attribute" in the README).
  *
  * A row is X(name, shape, field type, get type, set type, getter, setter, get tag, set tag):
  * @code
@@ -21,8 +22,9 @@
  *   get tag     the tag the getter's trace lines carry (words only)
  *   set tag     the tag the setter's trace lines carry (words only)
  * @endcode
- * Rows are in the order of the record's columns. A 16-bit monitor counter keeps the low 16
- * bits of what is written and reads back sign-extended into an int.
+ * Rows are in the order of the record's columns: the views show a record's words in row order.
+ * A 16-bit monitor counter keeps the low 16 bits of what is written and reads back
+ * sign-extended into an int; an unsigned 16-bit word is a set of flags, shown in hex.
  */
 #ifndef VEXSHMRM_SCHEMA_H
 #define VEXSHMRM_SCHEMA_H
@@ -97,6 +99,37 @@
 #define SHMRM_IF_WORD_descript(...)
 #define SHMRM_IF_WORD_progress(...)
 #define SHMRM_IF_WORD_maxvalue(...)
+/** @endcond */
+
+/*
+ * The prototypes of every word row's getter and setter, made from the rows: a program that
+ * includes this header can call the exports of an attribute from its row alone.
+ */
+/** @cond */
+#define SHMRM_DECLARE_HEADER_WORD(attr, shape, ft, gt, st, getter, setter, ...) \
+    SHMRM_IF_WORD(shape, int shmrm_##getter(gt* pvalue); int shmrm_##setter(st value);)
+#define SHMRM_DECLARE_GROUP_WORD(attr, shape, ft, gt, st, getter, setter, ...) \
+    SHMRM_IF_WORD(shape, int shmrm_##getter(const char* grpname, gt* pvalue);  \
+                  int shmrm_##setter(const char* grpname, st value);)
+#define SHMRM_DECLARE_RESOURCE_WORD(attr, shape, ft, gt, st, getter, setter, ...)                \
+    SHMRM_IF_WORD(                                                                               \
+        shape,                                                                                   \
+        int shmrm_##getter(const char* grpname, const char* type, const char* name, gt* pvalue); \
+        int shmrm_##setter(const char* grpname, const char* type, const char* name, st value);)
+#define SHMRM_DECLARE_MONITOR_WORD(attr, shape, ft, gt, st, getter, setter, ...)             \
+    SHMRM_IF_WORD(shape, int shmrm_##getter(const char* type, const char* name, gt* pvalue); \
+                  int shmrm_##setter(const char* type, const char* name, st value);)
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+SHMRM_HEADER_ATTRIBUTES(SHMRM_DECLARE_HEADER_WORD)
+SHMRM_GROUP_ATTRIBUTES(SHMRM_DECLARE_GROUP_WORD)
+SHMRM_RESOURCE_ATTRIBUTES(SHMRM_DECLARE_RESOURCE_WORD)
+SHMRM_MONITOR_ATTRIBUTES(SHMRM_DECLARE_MONITOR_WORD)
+#ifdef __cplusplus
+}
+#endif
 /** @endcond */
 
 #endif /* VEXSHMRM_SCHEMA_H */

@@ -3,6 +3,7 @@
 #include <cstring>
 
 #include "shmrm_internal.h"
+#include "vexshmrm_schema.h"
 
 namespace shmrm {
 namespace {
@@ -13,10 +14,6 @@ struct HeaderWord {
     const char* set_tag;
     const char* get_tag;
 };
-
-constexpr HeaderWord kAcstat{&rmhead::acstat, "_setacstat", "_getacstat"};
-constexpr HeaderWord kAcstat2{&rmhead::acstat2, "_setacstat2", "_getacstat2"};
-constexpr HeaderWord kPow32port{&rmhead::pow32port, "_setpow32port", "_getpow32port"};
 
 // Values of 1 or more are stored; 0 in the header means "never set".
 int set_word(const HeaderWord& word, int value) {
@@ -42,24 +39,18 @@ int get_word(const HeaderWord& word, int* out) {
 
 using namespace shmrm;
 
-SHMRM_EXPORT int shmrm_setacstat(int value) {
-    return set_word(kAcstat, value);
-}
-SHMRM_EXPORT int shmrm_getacstat(int* pvalue) {
-    return get_word(kAcstat, pvalue);
-}
-SHMRM_EXPORT int shmrm_setacstat2(int value) {
-    return set_word(kAcstat2, value);
-}
-SHMRM_EXPORT int shmrm_getacstat2(int* pvalue) {
-    return get_word(kAcstat2, pvalue);
-}
-SHMRM_EXPORT int shmrm_setpow32port(int value) {
-    return set_word(kPow32port, value);
-}
-SHMRM_EXPORT int shmrm_getpow32port(int* pvalue) {
-    return get_word(kPow32port, pvalue);
-}
+// The node-wide words: a getter and a setter for each word row of the schema.
+#define SHMRM_HEADER_WORD(field, shape, field_type, get_type, set_type, getter, setter, get_tag, \
+                          set_tag)                                                               \
+    SHMRM_IF_WORD(                                                                               \
+        shape,                                                                                   \
+        SHMRM_EXPORT int shmrm_##getter(get_type* pvalue) {                                      \
+            return get_word(HeaderWord{&rmhead::field, set_tag, get_tag}, pvalue);               \
+        } SHMRM_EXPORT int shmrm_##setter(set_type value) {                                      \
+            return set_word(HeaderWord{&rmhead::field, set_tag, get_tag}, value);                \
+        })
+SHMRM_HEADER_ATTRIBUTES(SHMRM_HEADER_WORD)
+#undef SHMRM_HEADER_WORD
 
 SHMRM_EXPORT int shmrm_setmaxvalue(int grpmax, int rscmax, int monmax) {
     Call call("_setmaxvalue");
