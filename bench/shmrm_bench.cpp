@@ -206,9 +206,7 @@ void use_groups(int n, bool rotated_ok) {
         shmrm_addgrp(gname(count++));
     while (count > n) {
         char last[SHMRM_NAME_LEN];
-        std::memcpy(last,
-                    base() + SHMRM_HEAD_SIZE +
-                        std::size_t(count - 1) * (SHMRM_GRP_HEAD_SIZE + 16 * SHMRM_RSC_SIZE),
+        std::memcpy(last, base() + shmrm::geometry({count, 16, 0})->group_at(count - 1),
                     sizeof last);
         shmrm_rmgrp(last);
         --count;
@@ -1050,11 +1048,7 @@ void register_create() {
                     shmrm_delete();
                 }
                 st.counters["region_MB"] =
-                    static_cast<double>(SHMRM_HEAD_SIZE +
-                                        static_cast<std::int64_t>(groups) *
-                                            (SHMRM_GRP_HEAD_SIZE + 16 * SHMRM_RSC_SIZE) +
-                                        128 * SHMRM_MON_SIZE) /
-                    1e6;
+                    static_cast<double>(shmrm::geometry({groups, 16, 128})->size) / 1e6;
                 st.counters["shared_kb_created"] = created.shared_kb - before.shared_kb;
                 st.counters["rss_kb_created"] = created.resident_kb - before.resident_kb;
                 st.counters["shared_kb_128grp"] = written.shared_kb - before.shared_kb;

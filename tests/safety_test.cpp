@@ -162,10 +162,7 @@ class AnyCall {
 // 3 groups of 2 slots and 14 monitors: exactly three pages, so the inaccessible pages around
 // the view begin right where the region ends.
 constexpr Capacities kPageSized{3, 2, 14};
-static_assert((SHMRM_HEAD_SIZE + 3 * (SHMRM_GRP_HEAD_SIZE + 2 * SHMRM_RSC_SIZE) +
-               14 * SHMRM_MON_SIZE) %
-                  4096 ==
-              0);
+static_assert(shmrm::geometry(kPageSized)->size % 4096 == 0);
 
 // A peer rewrites every count and capacity with extreme and random values, without the lock, as
 // fast as it can, while this process calls every export: not one access leaves the view (which

@@ -133,8 +133,8 @@ std::vector<Table> tables(const Snapshot& s, const ViewOptions& o) {
                      {}};
         region.rows.push_back(
             cells(h,
-                  {num(static_cast<long long>(s.size)), num(h.caps.groups), num(h.caps.resources),
-                   num(h.caps.monitors), num(h.grpcnt), num(h.moncnt)},
+                  {num(static_cast<long long>(s.size)), num(h.caps.grpmax), num(h.caps.rscmax),
+                   num(h.caps.monmax), num(h.grpcnt), num(h.moncnt)},
                   {}, o));
         out.push_back(std::move(region));
     }
@@ -178,9 +178,9 @@ nlohmann::json to_json(const Snapshot& s) {
     if (s.has_header) {
         const Header& h = s.header;
         json& head = j["header"] = object(h);
-        head["grpmax"] = h.caps.groups;
-        head["rscmax"] = h.caps.resources;
-        head["monmax"] = h.caps.monitors;
+        head["grpmax"] = h.caps.grpmax;
+        head["rscmax"] = h.caps.rscmax;
+        head["monmax"] = h.caps.monmax;
         head["grpcnt"] = h.grpcnt;
         head["moncnt"] = h.moncnt;
     } else {

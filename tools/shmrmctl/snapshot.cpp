@@ -18,7 +18,7 @@ constexpr std::int64_t kGrpHead = SHMRM_GRP_HEAD_SIZE;
 constexpr std::int64_t kRsc = SHMRM_RSC_SIZE;
 constexpr std::int64_t kMon = SHMRM_MON_SIZE;
 // A region is always below 2 GiB; nothing larger is decoded or read from a file.
-constexpr std::int64_t kMaxRegion = std::numeric_limits<std::int32_t>::max();
+constexpr std::int64_t kMaxRegion = shmrm::kRegionLimit - 1;
 
 // The text of a fixed field: up to its first NUL, never past the field.
 template <std::size_t N>
@@ -37,27 +37,6 @@ T record_at(ByteView bytes, std::int64_t offset) {
     return record;
 }
 
-// Where the tables lie for given capacities; `valid` is false when they cannot describe any
-// region we would read (negative, or too large to fit below 2 GiB).
-struct Geometry {
-    bool valid = false;
-    std::int64_t group_stride = 0;
-    std::int64_t monitors_at = 0;
-    std::int64_t size = 0;
-};
-
-Geometry geometry(Capacities c) {
-    Geometry g;
-    if (c.groups < 0 || c.resources < 0 || c.monitors < 0) return g;
-    if (c.resources > kMaxRegion / kRsc || c.monitors > kMaxRegion / kMon) return g;
-    g.group_stride = kGrpHead + c.resources * kRsc;
-    if (c.groups > kMaxRegion / g.group_stride) return g;
-    g.monitors_at = kHead + c.groups * g.group_stride;
-    g.size = g.monitors_at + c.monitors * kMon;
-    g.valid = true;
-    return g;
-}
-
 // Whether `real` bytes hold a region of `described` bytes: exactly, or as a view rounded up to
 // whole pages of `page` bytes.
 bool holds_region_of(std::int64_t real, std::int64_t described, std::size_t page) {
@@ -66,7 +45,7 @@ bool holds_region_of(std::int64_t real, std::int64_t described, std::size_t page
 }
 
 std::string caps_text(Capacities c) {
-    return fmt::format("grpmax {}, rscmax {}, monmax {}", c.groups, c.resources, c.monitors);
+    return fmt::format("grpmax {}, rscmax {}, monmax {}", c.grpmax, c.rscmax, c.monmax);
 }
 
 // The first non-zero byte of [offset, offset + length), clipped to the buffer; -1 when none.
@@ -138,29 +117,30 @@ Snapshot walk(ByteView bytes, std::optional<Capacities> layout, std::size_t page
         damage.push_back(fmt::format("capacities: the header says {}, the layout is {}",
                                      caps_text(h.caps), caps_text(caps)));
     }
-    if (checking && (caps.groups < 1 || caps.resources < 1 || caps.monitors < 1)) {
+    if (checking && (caps.grpmax < 1 || caps.rscmax < 1 || caps.monmax < 1)) {
         damage.push_back(fmt::format("capacities: {}; each must be at least 1", caps_text(caps)));
     }
-    const Geometry geo = geometry(caps);
-    if (!geo.valid) {
+    const auto found = shmrm::geometry(caps);
+    if (!found) {
         damage.push_back(
             fmt::format("geometry: {} describe no region below 2 GiB", caps_text(caps)));
         return s;
     }
+    const shmrm::Geometry& geo = *found;
     if (!holds_region_of(std::ssize(bytes), geo.size, page)) {
         damage.push_back(fmt::format("geometry: {} give {} bytes, the region has {}",
                                      caps_text(caps), geo.size, bytes.size()));
     }
-    if (h.grpcnt < 0 || h.grpcnt > caps.groups) {
-        damage.push_back(fmt::format("grpcnt: {} outside 0..{}", h.grpcnt, caps.groups));
+    if (h.grpcnt < 0 || h.grpcnt > caps.grpmax) {
+        damage.push_back(fmt::format("grpcnt: {} outside 0..{}", h.grpcnt, caps.grpmax));
     }
-    if (h.moncnt < 0 || h.moncnt > caps.monitors) {
-        damage.push_back(fmt::format("moncnt: {} outside 0..{}", h.moncnt, caps.monitors));
+    if (h.moncnt < 0 || h.moncnt > caps.monmax) {
+        damage.push_back(fmt::format("moncnt: {} outside 0..{}", h.moncnt, caps.monmax));
     }
 
-    const int groups = clamp_count(h.grpcnt, caps.groups);
-    for (int g = 0; g < caps.groups; ++g) {
-        const std::int64_t at = kHead + g * geo.group_stride;
+    const int groups = clamp_count(h.grpcnt, caps.grpmax);
+    for (int g = 0; g < caps.grpmax; ++g) {
+        const std::int64_t at = geo.group_at(g);
         if (g >= groups) {  // a free position
             if (!checking) break;
             const std::int64_t nz = first_nonzero(bytes, at, geo.group_stride);
@@ -187,13 +167,13 @@ Snapshot walk(ByteView bytes, std::optional<Capacities> layout, std::size_t page
             damage.push_back(
                 fmt::format("group {} '{}': sv has no NUL within 256 bytes", g, grp.name));
         }
-        if (grp.rsccnt < 0 || grp.rsccnt > caps.resources) {
+        if (grp.rsccnt < 0 || grp.rsccnt > caps.rscmax) {
             damage.push_back(fmt::format("group {} '{}': rsccnt {} outside 0..{}", g, grp.name,
-                                         grp.rsccnt, caps.resources));
+                                         grp.rsccnt, caps.rscmax));
         }
-        const int used = clamp_count(grp.rsccnt, caps.resources);
-        for (int j = 0; j < caps.resources; ++j) {
-            const std::int64_t slot = at + kGrpHead + j * kRsc;
+        const int used = clamp_count(grp.rsccnt, caps.rscmax);
+        for (int j = 0; j < caps.rscmax; ++j) {
+            const std::int64_t slot = geo.resource_at(g, j);
             if (j >= used) {
                 if (!checking) break;
                 const std::int64_t nz = first_nonzero(bytes, slot, kRsc);
@@ -223,9 +203,9 @@ Snapshot walk(ByteView bytes, std::optional<Capacities> layout, std::size_t page
         s.groups.push_back(std::move(grp));
     }
 
-    const int monitors = clamp_count(h.moncnt, caps.monitors);
-    for (int k = 0; k < caps.monitors; ++k) {
-        const std::int64_t at = geo.monitors_at + k * kMon;
+    const int monitors = clamp_count(h.moncnt, caps.monmax);
+    for (int k = 0; k < caps.monmax; ++k) {
+        const std::int64_t at = geo.monitor_at(k);
         if (k >= monitors) {
             if (!checking) break;
             const std::int64_t nz = first_nonzero(bytes, at, kMon);
@@ -288,9 +268,9 @@ Bytes encode_dump(ByteView region, Capacities caps) {
     put32(out, 8, kDumpVersion);
     put32(out, 12, static_cast<std::uint32_t>(kDumpHeaderSize));
     put64(out, 16, region.size());
-    put32(out, 24, static_cast<std::uint32_t>(caps.groups));
-    put32(out, 28, static_cast<std::uint32_t>(caps.resources));
-    put32(out, 32, static_cast<std::uint32_t>(caps.monitors));
+    put32(out, 24, static_cast<std::uint32_t>(caps.grpmax));
+    put32(out, 28, static_cast<std::uint32_t>(caps.rscmax));
+    put32(out, 32, static_cast<std::uint32_t>(caps.monmax));
     std::copy(region.begin(), region.end(), out.begin() + kDumpHeaderSize);
     return out;
 }

@@ -13,6 +13,8 @@
 #include <string>
 #include <vector>
 
+#include "region_layout.h"
+
 #include "words.h"
 
 namespace shmrmctl {
@@ -20,12 +22,7 @@ namespace shmrmctl {
 using Bytes = std::vector<std::byte>;
 using ByteView = std::span<const std::byte>;
 
-struct Capacities {
-    int groups = 0;     // grpmax
-    int resources = 0;  // rscmax
-    int monitors = 0;   // monmax
-    bool operator==(const Capacities&) const = default;
-};
+using shmrm::Capacities;
 
 // Each record keeps its integer attributes in the words struct of its schema rows (words.h),
 // and beside them what is not a word: keys, texts, counts and the progress stamps.
