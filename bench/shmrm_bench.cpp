@@ -144,7 +144,7 @@ Fill g_fill = Fill::kNone;
 bool g_mapped = false;
 
 unsigned char* base() {
-    return shmrm::g._prmhead.load(std::memory_order_acquire);
+    return shmrm::state._prmhead.load(std::memory_order_acquire);
 }
 rmhead* hd() {
     return reinterpret_cast<rmhead*>(base());
@@ -896,7 +896,7 @@ void register_tracing() {
         [] { return [i = 0]() mutable { benchmark::DoNotOptimize(++i); }; },
         [] {
             return [i = 0]() mutable {
-                shmrm::Call call("_bench");
+                shmrm::TracedCall call("_bench");
                 benchmark::DoNotOptimize(call.exit(++i));
             };
         });
@@ -930,7 +930,7 @@ void register_tracing() {
         "trace16/written_enter_exit", [] { use_full(SHMRM_LOG_FUNC); }, bare_write,
         [] {
             return [i = 0]() mutable {
-                shmrm::Call call("_bench");
+                shmrm::TracedCall call("_bench");
                 benchmark::DoNotOptimize(call.exit(++i % 10));
             };
         });

@@ -31,7 +31,7 @@ FakeImports* g_fake;
 
 void run(Choices& choices, int steps) {
     // Every call traced with its parameters (searches trace each slot they visit), or errors only.
-    shmrm::g.log_level.store(choices.pick(2) ? SHMRM_LOG_PARAM : SHMRM_LOG_ERROR);
+    shmrm::state.log_level.store(choices.pick(2) ? SHMRM_LOG_PARAM : SHMRM_LOG_ERROR);
     if (auto d = run_model(choices, *g_fake, steps)) {
         std::fprintf(stderr, "model disagreement at step %d: %s\n", d->step, d->text.c_str());
         std::abort();

@@ -129,7 +129,7 @@ TEST_F(FrameTest, ALoadWithoutTheRegionLockDisablesEveryExport) {
             ASSERT_FALSE(shmrm::load());
             EXPECT_EQ(fake_.calls, calls);
             EXPECT_EQ(shmrm::imports().last_error(), 87u) << "as the load left it";
-            EXPECT_EQ(shmrm::g.lock_handle, nullptr);
+            EXPECT_EQ(shmrm::state.lock_handle, nullptr);
             fake_.calls.clear();
             EXPECT_EQ(shmrm_create(), SHMRM_ERR_NOTINIT);
             EXPECT_EQ(shmrm_attach(), SHMRM_ERR_NOTINIT);
@@ -140,7 +140,7 @@ TEST_F(FrameTest, ALoadWithoutTheRegionLockDisablesEveryExport) {
             EXPECT_EQ(shmrm_rwunlock(), SHMRM_ERR_LOCK);
         }
         fake_.failures_.clear();
-        EXPECT_TRUE(shmrm::g.loaded);
+        EXPECT_TRUE(shmrm::state.loaded);
         EXPECT_EQ(shmrm_rolock(0), SHMRM_OK);
         EXPECT_EQ(shmrm_rounlock(), SHMRM_OK);
         EXPECT_EQ(shmrm_create(), SHMRM_OK);

@@ -38,8 +38,8 @@ class LifecycleTest : public testing::Test {
     void SetUp() override { sandbox_.configure(vextest::kDefaultCapacities, 32); }
     void TearDown() override {
         while (shmrm::region() != nullptr)
-            (shmrm::g.create_handle ? shmrm_delete : shmrm_detach)();
-        shmrm::g.attach_count = 0;
+            (shmrm::state.create_handle ? shmrm_delete : shmrm_detach)();
+        shmrm::state.attach_count = 0;
         shmrm::log_close();
         vex::xmllib_term();
     }
@@ -119,7 +119,7 @@ TEST_P(LifecycleFailure, LeavesTheProcessUnmapped) {
     Held other = row.result == SHMRM_ERR_OPENMAP ? Held(nullptr, nullptr) : hold_region();
     sandbox_.configure(row.caps, row.level);
     if (row.failing != nullptr) fake_.fail(row.failing, -1, 5);
-    shmrm::g.attach_count = 3;
+    shmrm::state.attach_count = 3;
 
     EXPECT_EQ(row.op.fn(), row.result);
     Strings errors = fake_.texts(SHMRM_LOG_ERROR);
@@ -128,8 +128,8 @@ TEST_P(LifecycleFailure, LeavesTheProcessUnmapped) {
     EXPECT_EQ(fake_.pauses, std::vector<unsigned>(row.result == SHMRM_ERR_CREATEMAP ? 5 : 0, 1000));
     EXPECT_LE(std::ranges::count(fake_.calls, "VexutilOpenNamedFileMapping(oru_vexshmrm_map)"), 1);
     EXPECT_FALSE(mapped());
-    EXPECT_EQ(shmrm::g.attach_count, 3);
-    EXPECT_EQ(shmrm::g.log.load(), nullptr);
+    EXPECT_EQ(shmrm::state.attach_count, 3);
+    EXPECT_EQ(shmrm::state.log.load(), nullptr);
     EXPECT_EQ(fake_.open_handles(), 0);
     const Strings xml = fake_.xml_calls();
     if (row.result == SHMRM_ERR_XMLINIT || row.result == SHMRM_ERR_XMLCONFIG) {
@@ -151,7 +151,7 @@ TEST_P(LifecycleFailure, LeavesTheProcessUnmapped) {
                   (TraceLine{SHMRM_LOG_FUNC, row.op.tag, exit_line(row.result)}));
     }
     if (row.result == SHMRM_ERR_CREATEMAP) {  // the size stays computed
-        EXPECT_EQ(shmrm::g.region_size.load(), kDefaultSize);
+        EXPECT_EQ(shmrm::state.region_size.load(), kDefaultSize);
     }
 }
 
@@ -227,7 +227,7 @@ TEST_F(LifecycleTest, XmlTroubleIsTracedAndTheCallSucceeds) {
             ASSERT_EQ(shmrm_create(), SHMRM_OK);
             EXPECT_EQ(fake.texts(SHMRM_LOG_ERROR), level == 0 ? Strings{} : row.messages);
             EXPECT_EQ(maxvalues(), row.caps);
-            EXPECT_EQ(shmrm::g.region_size.load(), row.size);
+            EXPECT_EQ(shmrm::state.region_size.load(), row.size);
             EXPECT_EQ(shmrm_delete(), SHMRM_OK);
             vex::xmllib_term();
         }
@@ -250,13 +250,13 @@ TEST_F(LifecycleTest, MappingAgainOnlyWarns) {
         SCOPED_TRACE(op.name);
         fake_.calls.clear();
         fake_.lines.clear();
-        const int count = shmrm::g.attach_count;
+        const int count = shmrm::state.attach_count;
         EXPECT_EQ(op.fn(), SHMRM_OK);
         EXPECT_TRUE(fake_.xml_calls().empty());
         EXPECT_EQ(fake_.lines, (std::vector<TraceLine>{{SHMRM_LOG_FUNC, op.tag, "<<< ENTER >>>"},
                                                        {SHMRM_LOG_WARNING, op.tag, "already init"},
                                                        {SHMRM_LOG_FUNC, op.tag, exit_line(0)}}));
-        EXPECT_EQ(shmrm::g.attach_count, count + (op.fn == shmrm_attach ? 1 : 0));
+        EXPECT_EQ(shmrm::state.attach_count, count + (op.fn == shmrm_attach ? 1 : 0));
     }
 }
 
@@ -279,14 +279,14 @@ TEST_F(LifecycleTest, TheLastDetachUnmaps) {
     Held other = hold_region();
     ASSERT_EQ(shmrm_attach(), SHMRM_OK);
     ASSERT_EQ(shmrm_attach(), SHMRM_OK);
-    EXPECT_EQ(shmrm::g.attach_count, 2);
+    EXPECT_EQ(shmrm::state.attach_count, 2);
     EXPECT_EQ(shmrm_detach(), SHMRM_OK);
     EXPECT_TRUE(mapped());
-    EXPECT_NE(shmrm::g.log.load(), nullptr);
+    EXPECT_NE(shmrm::state.log.load(), nullptr);
     EXPECT_EQ(shmrm_detach(), SHMRM_OK);
     EXPECT_FALSE(mapped());
-    EXPECT_EQ(shmrm::g.attach_count, 0);
-    EXPECT_EQ(shmrm::g.log.load(), nullptr);
+    EXPECT_EQ(shmrm::state.attach_count, 0);
+    EXPECT_EQ(shmrm::state.log.load(), nullptr);
     EXPECT_EQ(fake_.open_handles(), 0);
     EXPECT_EQ(shmrm_detach(), SHMRM_ERR_NOTINIT);
 }
@@ -301,7 +301,7 @@ TEST_F(LifecycleTest, ReleasingWhatIsNotMappedFails) {
         fake_.lines.clear();
         EXPECT_EQ(release(), SHMRM_ERR_NOTINIT);
         EXPECT_EQ(fake_.lines, (std::vector<TraceLine>{{SHMRM_LOG_ERROR, tag, "not init"}}));
-        EXPECT_EQ(shmrm::g.log.load() == nullptr, closes_log);
+        EXPECT_EQ(shmrm::state.log.load() == nullptr, closes_log);
         shmrm::log_close();
     }
 }

@@ -20,7 +20,7 @@ TEST_F(ModelTest, RandomSequencesAgreeWithTheModel) {
     const char* steps = std::getenv("VEX_MODEL_STEPS");
     for (unsigned seed = first; seed <= last; ++seed) {
         // Odd seeds trace everything (the searches trace every slot they visit).
-        shmrm::g.log_level.store(seed % 2 ? SHMRM_LOG_PARAM : SHMRM_LOG_ERROR);
+        shmrm::state.log_level.store(seed % 2 ? SHMRM_LOG_PARAM : SHMRM_LOG_ERROR);
         Choices choices(seed);
         if (auto d = run_model(choices, fake_, steps ? std::atoi(steps) : 3000)) {
             ADD_FAILURE() << "seed " << seed << ", step " << d->step << ": " << d->text

@@ -16,9 +16,9 @@ const std::string k40(40, 'm');
 // A detach in another thread clears the monitor table's pointer just after the region's: a
 // progress call that found the region mapped then finds no monitor table.
 TEST_F(MonitorTest, ProgressWithoutTheMonitorTable) {
-    unsigned char* table = shmrm::g._prmmon.exchange(nullptr);
+    unsigned char* table = shmrm::state._prmmon.exchange(nullptr);
     EXPECT_EQ(shmrm_setmonprogress("t", "m", 3), SHMRM_ERR_NOTINIT);
-    shmrm::g._prmmon.store(table);
+    shmrm::state._prmmon.store(table);
     EXPECT_EQ(take_lines(), failure("_setmonprogress", "_prmmon is not init", SHMRM_ERR_NOTINIT));
 }
 

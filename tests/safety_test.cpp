@@ -1,4 +1,4 @@
-// The promises that hold whatever other processes do: no export reaches outside the room this
+// The promises that hold whatever other processes do: no export reaches outside the view this
 // process mapped, however a peer rewrites the counts; the system's shared memory running out is
 // a result code, never a fault; nothing of a namespace outlives its processes.
 #include <gtest/gtest.h>

@@ -87,7 +87,7 @@ class TableTest : public testing::Test {
     void check_not_init(const NotInit (&rows)[N]) {
         ASSERT_EQ(shmrm_delete(), SHMRM_OK);
         shmrm::log_open();  // so that the failures can be seen
-        shmrm::g.log_level.store(SHMRM_LOG_PARAM);
+        shmrm::state.log_level.store(SHMRM_LOG_PARAM);
         for (const NotInit& row : rows) {
             SCOPED_TRACE(row.tag);
             fake_.lines.clear();

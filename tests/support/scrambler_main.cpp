@@ -29,9 +29,9 @@ int main(int argc, char** argv) {
                          : static_cast<int>(rng() % 40) - 4;
     };
 
-    unsigned char* base = shmrm::g._prmhead.load();
+    unsigned char* base = shmrm::state._prmhead.load();
     rmhead* h = shmrm::head(base);
-    const shmrm::Layout sized = shmrm::g.layout;
+    const shmrm::Layout sized = shmrm::state.layout;
     const auto stride = static_cast<std::size_t>(shmrm::group_stride(sized.rscmax));
     long rounds = 0;
     while (std::chrono::steady_clock::now() < until) {

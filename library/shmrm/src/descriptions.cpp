@@ -9,11 +9,11 @@ namespace {
 constexpr int kDescriptSize = sizeof(rmrsc::descript);
 static_assert(sizeof(rmmon::descript) == kDescriptSize);
 
-// The course of both exports: the region, the arguments and the length, then the record, then
+// The steps of both exports: the region, the arguments and the length, then the record, then
 // `act` with the description field and the copy length n (1 to 256).
 template <typename Visit, typename Act>
-int with_description(const Call& call, const char* grpname, const char* type, const char* name,
-                     const void* data, int length, Visit visit, Act act) {
+int with_description(const TracedCall& call, const char* grpname, const char* type,
+                     const char* name, const void* data, int length, Visit visit, Act act) {
     unsigned char* base = region();
     if (base == nullptr) return call.fail(SHMRM_ERR_NOTINIT, "not init");
     if (type == nullptr || name == nullptr || data == nullptr)
@@ -46,7 +46,7 @@ using namespace shmrm;
 
 SHMRM_EXPORT int shmrm_getdescript(const char* grpname, const char* type, const char* name,
                                    char* buf, const int* plen) {
-    Call call("_getdescript");
+    TracedCall call("_getdescript");
     const int length = plen != nullptr && region() != nullptr ? *plen : 0;
     auto visit = [&](int slot, const rmrsc& rsc) {
         SHMRM_TRACE(SHMRM_LOG_PARAM, call.tag(), "type:{}, prsc[{}].type:{}", type, slot, rsc.type);
@@ -65,7 +65,7 @@ SHMRM_EXPORT int shmrm_getdescript(const char* grpname, const char* type, const 
 
 SHMRM_EXPORT int shmrm_setdescript(const char* grpname, const char* type, const char* name,
                                    const char* value, int len) {
-    Call call("_setdescript");
+    TracedCall call("_setdescript");
     return with_description(call, grpname, type, name, value, len, NoVisit{},
                             [&](char* field, std::size_t n, bool monitor) {
                                 if (monitor) {

@@ -13,11 +13,11 @@ struct GroupField {
     const char* set_tag;
 };
 
-// The course of every attribute export: the region, the arguments, the group by its name,
+// The steps of every attribute export: the region, the arguments, the group by its name,
 // then `act` on the group found.
 template <typename Act>
 SHMRM_INLINE int with_group(const char* tag, const char* grpname, bool args_ok, Act act) {
-    Call call(tag);
+    TracedCall call(tag);
     unsigned char* base = region();
     if (base == nullptr) return call.fail(SHMRM_ERR_NOTINIT, "not init");
     if (grpname == nullptr || !args_ok) return call.fail(SHMRM_ERR_PARAM, "invalid param");
@@ -48,7 +48,7 @@ SHMRM_INLINE int set(const GroupField<T>& f, const char* grpname, T value) {
 using namespace shmrm;
 
 SHMRM_EXPORT int shmrm_addgrp(const char* grpname) {
-    Call call("_addgrp");
+    TracedCall call("_addgrp");
     unsigned char* base = region();
     if (base == nullptr) return call.fail(SHMRM_ERR_NOTINIT, "not init");
     if (grpname == nullptr) return call.fail(SHMRM_ERR_PARAM, "invalid param");
@@ -66,7 +66,7 @@ SHMRM_EXPORT int shmrm_addgrp(const char* grpname) {
 }
 
 SHMRM_EXPORT int shmrm_rmgrp(const char* grpname) {
-    Call call("_rmgrp");
+    TracedCall call("_rmgrp");
     unsigned char* base = region();
     if (base == nullptr) return call.fail(SHMRM_ERR_NOTINIT, "not init");
     if (grpname == nullptr) return call.fail(SHMRM_ERR_PARAM, "invalid param");
@@ -83,7 +83,7 @@ SHMRM_EXPORT int shmrm_rmgrp(const char* grpname) {
 }
 
 SHMRM_EXPORT int shmrm_enumgrp(char* buf, int* psize) {
-    Call call("_enumgrp");
+    TracedCall call("_enumgrp");
     unsigned char* base = region();
     if (base == nullptr) return call.fail(SHMRM_ERR_NOTINIT, "not init");
     if (psize == nullptr) return call.fail(SHMRM_ERR_PARAM, "invalid param");

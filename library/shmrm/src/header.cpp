@@ -17,7 +17,7 @@ struct HeaderWord {
 
 // Values of 1 or more are stored; 0 in the header means "never set".
 int set_word(const HeaderWord& word, int value) {
-    Call call(word.set_tag);
+    TracedCall call(word.set_tag);
     unsigned char* base = region();
     if (base == nullptr) return call.fail(SHMRM_ERR_NOTINIT, "not init");
     if (value < 1) return call.fail(SHMRM_ERR_PARAM, "invalid param");
@@ -26,7 +26,7 @@ int set_word(const HeaderWord& word, int value) {
 }
 
 int get_word(const HeaderWord& word, int* out) {
-    Call call(word.get_tag);
+    TracedCall call(word.get_tag);
     unsigned char* base = region();
     if (base == nullptr) return call.fail(SHMRM_ERR_NOTINIT, "not init");
     if (out == nullptr) return call.fail(SHMRM_ERR_PARAM, "invalid param");
@@ -53,11 +53,11 @@ SHMRM_HEADER_ATTRIBUTES(SHMRM_HEADER_WORD)
 #undef SHMRM_HEADER_WORD
 
 SHMRM_EXPORT int shmrm_setmaxvalue(int grpmax, int rscmax, int monmax) {
-    Call call("_setmaxvalue");
+    TracedCall call("_setmaxvalue");
     unsigned char* base = region();
     if (base == nullptr) return call.fail(SHMRM_ERR_NOTINIT, "not init");
     // Capacities beyond what this process mapped would let later calls reach past the tables.
-    const Layout& sized = g.layout;
+    const Layout& sized = state.layout;
     if (grpmax < 1 || rscmax < 1 || monmax < 1 || grpmax > sized.grpmax || rscmax != sized.rscmax ||
         monmax > sized.monmax)
         return call.fail(SHMRM_ERR_PARAM, "invalid param");
@@ -69,7 +69,7 @@ SHMRM_EXPORT int shmrm_setmaxvalue(int grpmax, int rscmax, int monmax) {
 }
 
 SHMRM_EXPORT int shmrm_getmaxvalue(int* grpmax, int* rscmax, int* monmax) {
-    Call call("_getmaxvalue");
+    TracedCall call("_getmaxvalue");
     unsigned char* base = region();
     if (base == nullptr) return call.fail(SHMRM_ERR_NOTINIT, "not init");
     if (grpmax == nullptr || rscmax == nullptr || monmax == nullptr)
@@ -82,11 +82,11 @@ SHMRM_EXPORT int shmrm_getmaxvalue(int* grpmax, int* rscmax, int* monmax) {
 }
 
 SHMRM_EXPORT int shmrm_dump(void* buf, int* psize) {
-    Call call("_dump");
+    TracedCall call("_dump");
     unsigned char* base = region();
     if (base == nullptr) return call.fail(SHMRM_ERR_NOTINIT, "not init");
     if (psize == nullptr) return call.fail(SHMRM_ERR_PARAM, "invalid param");
-    const int size = g.region_size.load(std::memory_order_relaxed);
+    const int size = state.region_size.load(std::memory_order_relaxed);
     if (buf == nullptr) {
         *psize = size;
         return call.exit(SHMRM_OK);

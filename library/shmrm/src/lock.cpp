@@ -5,9 +5,9 @@ namespace shmrm {
 namespace {
 
 int take(const char* tag, unsigned timeout_ms) {
-    Call call(tag);
+    TracedCall call(tag);
     const Imports& im = imports();
-    unsigned r = im.wait_mutex(g.lock_handle, timeout_ms);
+    unsigned r = im.wait_mutex(state.lock_handle, timeout_ms);
     if (r == vex::os::kWaitObject0 || r == vex::os::kWaitAbandoned) return call.exit(SHMRM_OK);
     // A time-out, or a wait that failed outright (no lock was obtained at load).
     SHMRM_TRACE(SHMRM_LOG_ERROR, call.tag(), "WaitForSingleObject() failed(errno:{})",
@@ -16,9 +16,9 @@ int take(const char* tag, unsigned timeout_ms) {
 }
 
 int give(const char* tag) {
-    Call call(tag);
-    if (g.lock_handle == nullptr) return call.exit(SHMRM_ERR_LOCK);
-    imports().release_mutex(g.lock_handle);  // releasing a lock not held is not an error
+    TracedCall call(tag);
+    if (state.lock_handle == nullptr) return call.exit(SHMRM_ERR_LOCK);
+    imports().release_mutex(state.lock_handle);  // releasing a lock not held is not an error
     return call.exit(SHMRM_OK);
 }
 

@@ -15,12 +15,12 @@ struct MonitorField {
     const char* set_tag;
 };
 
-// The course of every attribute export: the region, the arguments, the monitor lookup, then
+// The steps of every attribute export: the region, the arguments, the monitor lookup, then
 // `act` on the monitor found.
 template <typename Act>
 SHMRM_INLINE int with_monitor(const char* tag, const char* type, const char* name, bool args_ok,
                               Act act) {
-    Call call(tag);
+    TracedCall call(tag);
     unsigned char* base = region();
     if (base == nullptr) return call.fail(SHMRM_ERR_NOTINIT, "not init");
     if (name == nullptr || !args_ok) return call.fail(SHMRM_ERR_PARAM, "invalid param");
@@ -51,10 +51,10 @@ SHMRM_INLINE int set(const MonitorField<T>& f, const char* type, const char* nam
 template <typename Act>
 SHMRM_INLINE int with_progress(const char* tag, const char* type, const char* name, bool args_ok,
                                Act act) {
-    Call call(tag);
+    TracedCall call(tag);
     unsigned char* base = region();
     if (base == nullptr) return call.fail(SHMRM_ERR_NOTINIT, "_prmhead is not init");
-    if (g._prmmon.load(std::memory_order_relaxed) == nullptr)
+    if (state._prmmon.load(std::memory_order_relaxed) == nullptr)
         return call.fail(SHMRM_ERR_NOTINIT, "_prmmon is not init");
     if (name == nullptr || !args_ok) return call.fail(SHMRM_ERR_PARAM, "invalid param");
     const Monitors monitors = Monitors::of(base);
@@ -73,7 +73,7 @@ SHMRM_INLINE int with_progress(const char* tag, const char* type, const char* na
 using namespace shmrm;
 
 SHMRM_EXPORT int shmrm_addmon(const char* type, const char* name) {
-    Call call("_addmon");
+    TracedCall call("_addmon");
     unsigned char* base = region();
     if (base == nullptr) return call.fail(SHMRM_ERR_NOTINIT, "not init");
     if (type == nullptr || name == nullptr) return call.fail(SHMRM_ERR_PARAM, "invalid param");
@@ -93,7 +93,7 @@ SHMRM_EXPORT int shmrm_addmon(const char* type, const char* name) {
 }
 
 SHMRM_EXPORT int shmrm_rmmon(const char* type, const char* name) {
-    Call call("_rmmon");
+    TracedCall call("_rmmon");
     unsigned char* base = region();
     if (base == nullptr) return call.fail(SHMRM_ERR_NOTINIT, "not init");
     if (name == nullptr) return call.fail(SHMRM_ERR_PARAM, "invalid param");
@@ -112,7 +112,7 @@ SHMRM_EXPORT int shmrm_rmmon(const char* type, const char* name) {
 }
 
 SHMRM_EXPORT int shmrm_enummon(char* buf, int* psize) {
-    Call call("_enummon");
+    TracedCall call("_enummon");
     unsigned char* base = region();
     if (base == nullptr) return call.fail(SHMRM_ERR_NOTINIT, "not init");
     if (psize == nullptr) return call.fail(SHMRM_ERR_PARAM, "invalid param");
@@ -139,7 +139,7 @@ SHMRM_MONITOR_ATTRIBUTES(SHMRM_MONITOR_WORD)
 #undef SHMRM_MONITOR_WORD
 
 SHMRM_EXPORT int shmrm_getmoninfo(char* buf, const char* name) {
-    Call call("_getmoninfo");
+    TracedCall call("_getmoninfo");
     unsigned char* base = region();
     if (base == nullptr) return call.fail(SHMRM_ERR_NOTINIT, "not init");
     if (name == nullptr || *name == '\0') return call.fail(SHMRM_ERR_PARAM, "invalid param");
@@ -155,30 +155,31 @@ SHMRM_EXPORT int shmrm_getmoninfo(char* buf, const char* name) {
 
 // Step 3 and step 4 stamp the tick count, step 0 clears both stamps; every step is stored.
 SHMRM_EXPORT int shmrm_setmonprogress(const char* type, const char* name, int value) {
-    return with_progress("_setmonprogress", type, name, true, [&](const Call& call, rmmon& mon) {
-        switch (value) {
-            case 3:
-                store(mon.tick3, imports().tick_count());
-                break;
-            case 4:
-                store(mon.tick4, imports().tick_count());
-                break;
-            case 0:
-                store(mon.tick3, 0u);
-                store(mon.tick4, 0u);
-                break;
-            default:
-                SHMRM_TRACE(SHMRM_LOG_PARAM, call.tag(), "progress: {}", value);
-                break;
-        }
-        store(mon.progress, value);
-    });
+    return with_progress(
+        "_setmonprogress", type, name, true, [&](const TracedCall& call, rmmon& mon) {
+            switch (value) {
+                case 3:
+                    store(mon.tick3, imports().tick_count());
+                    break;
+                case 4:
+                    store(mon.tick4, imports().tick_count());
+                    break;
+                case 0:
+                    store(mon.tick3, 0u);
+                    store(mon.tick4, 0u);
+                    break;
+                default:
+                    SHMRM_TRACE(SHMRM_LOG_PARAM, call.tag(), "progress: {}", value);
+                    break;
+            }
+            store(mon.progress, value);
+        });
 }
 
 SHMRM_EXPORT int shmrm_getmonprogress(const char* type, const char* name, int* pvalue,
                                       unsigned int* ptick3, unsigned int* ptick4) {
     return with_progress("_getmonprogress", type, name, pvalue != nullptr,
-                         [&](const Call&, rmmon& mon) {
+                         [&](const TracedCall&, rmmon& mon) {
                              if (ptick3 != nullptr) *ptick3 = load(mon.tick3);
                              if (ptick4 != nullptr) *ptick4 = load(mon.tick4);
                              *pvalue = load(mon.progress);

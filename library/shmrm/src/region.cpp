@@ -24,13 +24,13 @@ std::int64_t region_bytes(const Capacities& c) {
 
 class InitLock {
   public:
-    InitLock() { g.init_lock.enter(); }
-    ~InitLock() { g.init_lock.leave(); }
+    InitLock() { state.init_lock.enter(); }
+    ~InitLock() { state.init_lock.leave(); }
     InitLock(const InitLock&) = delete;
     InitLock& operator=(const InitLock&) = delete;
 };
 
-void read_capacity(const Call& call, const char* key, int fallback, int* out) {
+void read_capacity(const TracedCall& call, const char* key, int fallback, int* out) {
     int len = sizeof(int);
     int r = imports().xmllib_get_value(key, vex::kXmlTypeInt32, out, &len);
     if (r != 0) {
@@ -41,7 +41,7 @@ void read_capacity(const Call& call, const char* key, int fallback, int* out) {
 
 // Reads the table capacities from the policy "all"; 0, or the code its caller reports.
 int loadinfo(Capacities* caps) {
-    Call call("_loadinfo");
+    TracedCall call("_loadinfo");
     const Imports& im = imports();
     char path[1024];
     if (im.VexutilGetInstallPath(path, static_cast<int>(sizeof path)) == 0) {
@@ -74,7 +74,7 @@ int loadinfo(Capacities* caps) {
 // Steps shared by create and attach: start the XML library, load the configuration, open the
 // log, load the capacities, release the XML library, size the region. Returns 0 or the result
 // to return; `call` has written its ENTER line once the log is open.
-int prepare(Call& call, Capacities* caps) {
+int prepare(TracedCall& call, Capacities* caps) {
     const Imports& im = imports();
     if (im.xmllib_init(kLogName) != 0) return SHMRM_ERR_XMLINIT;
     if (im.xmllib_load_config(0) != 0) {
@@ -96,14 +96,14 @@ int prepare(Call& call, Capacities* caps) {
         SHMRM_TRACE(SHMRM_LOG_ERROR, call.tag(), "xmllib_unload_config() failed(ret:{})", r);
     if ((r = im.xmllib_term()) != 0)
         SHMRM_TRACE(SHMRM_LOG_ERROR, call.tag(), "xmllib_term() failed(ret:{})", r);
-    g.region_size.store(static_cast<int>(region_bytes(*caps)), std::memory_order_relaxed);
+    state.region_size.store(static_cast<int>(region_bytes(*caps)), std::memory_order_relaxed);
     return SHMRM_OK;
 }
 
 // Maps the whole mapping and publishes it; 0, or SHMRM_ERR_MAPVIEW with the handle closed.
-int map_region(const Call& call, void** handle, const Capacities& caps, bool attacher) {
+int map_region(const TracedCall& call, void** handle, const Capacities& caps, bool attacher) {
     const Imports& im = imports();
-    const int size = g.region_size.load(std::memory_order_relaxed);
+    const int size = state.region_size.load(std::memory_order_relaxed);
     std::size_t mapped = 0;
     auto* view = static_cast<unsigned char*>(im.map_view(*handle, &mapped));
     if (view == nullptr) {
@@ -131,25 +131,25 @@ int map_region(const Call& call, void** handle, const Capacities& caps, bool att
     const Geometry geo = *geometry(caps);  // checked when the capacities were loaded
     const auto stride = static_cast<std::size_t>(geo.group_stride);
     const auto monitors = static_cast<std::size_t>(geo.monitors_at);
-    auto whole = [](std::size_t room, std::size_t record) {
-        return static_cast<int>(std::min<std::size_t>(room / record, INT_MAX));
+    auto whole = [](std::size_t bytes, std::size_t record) {
+        return static_cast<int>(std::min<std::size_t>(bytes / record, INT_MAX));
     };
-    g.layout = Layout{mapped,
-                      caps.grpmax,
-                      caps.rscmax,
-                      caps.monmax,
-                      whole(mapped - SHMRM_HEAD_SIZE, stride),
-                      whole(mapped - monitors, SHMRM_MON_SIZE)};
-    g._prmgrp.store(view + SHMRM_HEAD_SIZE, std::memory_order_relaxed);
-    g._prmmon.store(view + monitors, std::memory_order_relaxed);
-    g._prmhead.store(view, std::memory_order_release);
+    state.layout = Layout{mapped,
+                          caps.grpmax,
+                          caps.rscmax,
+                          caps.monmax,
+                          whole(mapped - SHMRM_HEAD_SIZE, stride),
+                          whole(mapped - monitors, SHMRM_MON_SIZE)};
+    state._prmgrp.store(view + SHMRM_HEAD_SIZE, std::memory_order_relaxed);
+    state._prmmon.store(view + monitors, std::memory_order_relaxed);
+    state._prmhead.store(view, std::memory_order_release);
     return SHMRM_OK;
 }
 
 // Writes this process's capacities into the header. An existing region whose header names other
 // ones (0 after a clear is no capacity at all) is losing records to one of the two
 // configurations: that is said in the log.
-void write_capacities(const Call& call, unsigned char* base, const Capacities& caps) {
+void write_capacities(const TracedCall& call, unsigned char* base, const Capacities& caps) {
     rmhead* h = head(base);
     const Capacities found{load(h->grpmax), load(h->rscmax), load(h->monmax)};
     const bool cleared = found.grpmax == 0 && found.rscmax == 0 && found.monmax == 0;
@@ -170,11 +170,11 @@ void write_capacities(const Call& call, unsigned char* base, const Capacities& c
 // Unmaps the view and closes this process's mapping handles.
 void release_region() {
     const Imports& im = imports();
-    unsigned char* view = g._prmhead.exchange(nullptr, std::memory_order_acq_rel);
-    g._prmgrp.store(nullptr, std::memory_order_relaxed);
-    g._prmmon.store(nullptr, std::memory_order_relaxed);
+    unsigned char* view = state._prmhead.exchange(nullptr, std::memory_order_acq_rel);
+    state._prmgrp.store(nullptr, std::memory_order_relaxed);
+    state._prmmon.store(nullptr, std::memory_order_relaxed);
     im.unmap_view(view);
-    for (void** handle : {&g.create_handle, &g.attach_handle}) {
+    for (void** handle : {&state.create_handle, &state.attach_handle}) {
         if (*handle != nullptr) im.close_handle(*handle);
         *handle = nullptr;
     }
@@ -188,8 +188,8 @@ using namespace shmrm;
 
 SHMRM_EXPORT int shmrm_create(void) {
     InitLock lock;
-    Call call("_create", Call::Silent{});
-    if (!g.loaded) return SHMRM_ERR_NOTINIT;
+    TracedCall call("_create", TracedCall::Silent{});
+    if (!state.loaded) return SHMRM_ERR_NOTINIT;
     if (region() != nullptr) {
         call.enter();
         SHMRM_TRACE(SHMRM_LOG_WARNING, call.tag(), "already init");
@@ -199,18 +199,18 @@ SHMRM_EXPORT int shmrm_create(void) {
     if (int r = prepare(call, &caps); r != SHMRM_OK) return r;
 
     const Imports& im = imports();
-    const int size = g.region_size.load(std::memory_order_relaxed);
+    const int size = state.region_size.load(std::memory_order_relaxed);
     unsigned error = 0;
     for (int attempt = 0; attempt < kAttempts; ++attempt) {
-        g.create_handle =
+        state.create_handle =
             im.VexutilCreateNamedFileMapping(-1, 4, 0, static_cast<unsigned>(size), kMapName);
         error = im.last_error();
-        if (g.create_handle != nullptr) break;
+        if (state.create_handle != nullptr) break;
         SHMRM_TRACE(SHMRM_LOG_ERROR, call.tag(), "VexutilCreateNamedFileMapping failed(errno:{})",
                     static_cast<int>(error));
         im.sleep_ms(kAttemptPause);
     }
-    if (g.create_handle == nullptr) {
+    if (state.create_handle == nullptr) {
         SHMRM_TRACE(SHMRM_LOG_ERROR, call.tag(), "VexutilCreateNamedFileMapping failed(errno:{})",
                     static_cast<int>(im.last_error()));
         call.exit(SHMRM_ERR_CREATEMAP);
@@ -224,7 +224,7 @@ SHMRM_EXPORT int shmrm_create(void) {
     } else {
         SHMRM_TRACE(SHMRM_LOG_INFO, call.tag(), "VexutilCreateNamedFileMapping(new)");
     }
-    if (int r = map_region(call, &g.create_handle, caps, false); r != SHMRM_OK) return r;
+    if (int r = map_region(call, &state.create_handle, caps, false); r != SHMRM_OK) return r;
     write_capacities(call, region(), caps);
     SHMRM_TRACE(SHMRM_LOG_INFO, call.tag(), "SIZE:{}", size);
     return call.exit(SHMRM_OK);
@@ -232,11 +232,11 @@ SHMRM_EXPORT int shmrm_create(void) {
 
 SHMRM_EXPORT int shmrm_attach(void) {
     InitLock lock;
-    Call call("_attach", Call::Silent{});
-    if (!g.loaded) return SHMRM_ERR_NOTINIT;
+    TracedCall call("_attach", TracedCall::Silent{});
+    if (!state.loaded) return SHMRM_ERR_NOTINIT;
     if (region() != nullptr) {
         call.enter();
-        ++g.attach_count;
+        ++state.attach_count;
         SHMRM_TRACE(SHMRM_LOG_WARNING, call.tag(), "already init");
         return call.exit(SHMRM_OK);
     }
@@ -244,29 +244,29 @@ SHMRM_EXPORT int shmrm_attach(void) {
     if (int r = prepare(call, &caps); r != SHMRM_OK) return r;
 
     const Imports& im = imports();
-    g.attach_handle = im.VexutilOpenNamedFileMapping(0xF001F, 1, kMapName);
-    if (g.attach_handle == nullptr) {
+    state.attach_handle = im.VexutilOpenNamedFileMapping(0xF001F, 1, kMapName);
+    if (state.attach_handle == nullptr) {
         SHMRM_TRACE(SHMRM_LOG_ERROR, call.tag(), "VexutilOpenNamedFileMapping() failed(errno:{})",
                     static_cast<int>(im.last_error()));
         call.exit(SHMRM_ERR_OPENMAP);
         log_close();
         return SHMRM_ERR_OPENMAP;
     }
-    if (int r = map_region(call, &g.attach_handle, caps, true); r != SHMRM_OK) return r;
+    if (int r = map_region(call, &state.attach_handle, caps, true); r != SHMRM_OK) return r;
     write_capacities(call, region(), caps);
-    ++g.attach_count;
+    ++state.attach_count;
     SHMRM_TRACE(SHMRM_LOG_INFO, call.tag(), "SIZE:{}",
-                g.region_size.load(std::memory_order_relaxed));
+                state.region_size.load(std::memory_order_relaxed));
     return call.exit(SHMRM_OK);
 }
 
 SHMRM_EXPORT int shmrm_detach(void) {
     InitLock lock;
-    Call call("_detach");
+    TracedCall call("_detach");
     if (region() == nullptr) return call.fail(SHMRM_ERR_NOTINIT, "not init");
-    if (--g.attach_count < 0) {
-        g.attach_count = 0;
-    } else if (g.attach_count > 0) {
+    if (--state.attach_count < 0) {
+        state.attach_count = 0;
+    } else if (state.attach_count > 0) {
         return call.exit(SHMRM_OK);
     }
     release_region();
@@ -277,7 +277,7 @@ SHMRM_EXPORT int shmrm_detach(void) {
 
 SHMRM_EXPORT int shmrm_delete(void) {
     InitLock lock;
-    Call call("_delete");
+    TracedCall call("_delete");
     if (region() == nullptr) {
         call.fail(SHMRM_ERR_NOTINIT, "not init");
         log_close();
@@ -290,11 +290,11 @@ SHMRM_EXPORT int shmrm_delete(void) {
 }
 
 SHMRM_EXPORT int shmrm_clear(void) {
-    Call call("shmrm_clear", Call::Silent{});
+    TracedCall call("shmrm_clear", TracedCall::Silent{});
     unsigned char* base = region();
     if (base == nullptr) return call.fail(SHMRM_ERR_NOTINIT, "not init");
-    auto size = static_cast<std::size_t>(g.region_size.load(std::memory_order_relaxed));
-    std::memset(base, 0, size < g.layout.mapped ? size : g.layout.mapped);
+    auto size = static_cast<std::size_t>(state.region_size.load(std::memory_order_relaxed));
+    std::memset(base, 0, size < state.layout.mapped ? size : state.layout.mapped);
     SHMRM_TRACE(SHMRM_LOG_INFO, call.tag(), "shmrm clear.");
     return call.exit(SHMRM_OK);
 }

@@ -14,12 +14,12 @@ struct ResourceWord {
     const char* set_tag;
 };
 
-// The course of every attribute export: the region, the arguments (`name` and what `args_ok`
+// The steps of every attribute export: the region, the arguments (`name` and what `args_ok`
 // says), the resource lookup, then `act` on the resource found.
 template <typename Act>
 SHMRM_INLINE int with_resource(const char* tag, const char* grpname, const char* type,
                                const char* name, bool args_ok, Act act) {
-    Call call(tag);
+    TracedCall call(tag);
     unsigned char* base = region();
     if (base == nullptr) return call.fail(SHMRM_ERR_NOTINIT, "not init");
     if (name == nullptr || !args_ok) return call.fail(SHMRM_ERR_PARAM, "invalid param");
@@ -51,7 +51,7 @@ SHMRM_INLINE int set(const ResourceWord& w, const char* grpname, const char* typ
 using namespace shmrm;
 
 SHMRM_EXPORT int shmrm_addrsc(const char* grpname, const char* type, const char* name) {
-    Call call("_addrsc");
+    TracedCall call("_addrsc");
     unsigned char* base = region();
     if (base == nullptr) return call.fail(SHMRM_ERR_NOTINIT, "not init");
     if (grpname == nullptr || type == nullptr || name == nullptr)
@@ -80,7 +80,7 @@ SHMRM_EXPORT int shmrm_addrsc(const char* grpname, const char* type, const char*
 }
 
 SHMRM_EXPORT int shmrm_rmrsc(const char* grpname, const char* type, const char* name) {
-    Call call("_rmrsc");
+    TracedCall call("_rmrsc");
     unsigned char* base = region();
     if (base == nullptr) return call.fail(SHMRM_ERR_NOTINIT, "not init");
     if (name == nullptr) return call.fail(SHMRM_ERR_PARAM, "invalid param");
@@ -100,7 +100,7 @@ SHMRM_EXPORT int shmrm_rmrsc(const char* grpname, const char* type, const char* 
 }
 
 SHMRM_EXPORT int shmrm_enumrsc(const char* grpname, char* buf, int* psize) {
-    Call call("_enumrsc");
+    TracedCall call("_enumrsc");
     unsigned char* base = region();
     if (base == nullptr) return call.fail(SHMRM_ERR_NOTINIT, "not init");
     if (psize == nullptr) return call.fail(SHMRM_ERR_PARAM, "invalid param");
@@ -161,7 +161,7 @@ SHMRM_EXPORT int shmrm_getrscfree(const char* grpname, const char* type, const c
                                   void* buf, int* plen) {
     const int asked = plen != nullptr ? *plen : 0;
     if (buf == nullptr && name != nullptr && asked > 0 && region() != nullptr) {
-        Call call("_getrscfree");
+        TracedCall call("_getrscfree");
         *plen = kFreeSize;
         return call.exit(SHMRM_OK);
     }
@@ -182,7 +182,7 @@ SHMRM_EXPORT int shmrm_setrscfree(const char* grpname, const char* type, const c
 }
 
 SHMRM_EXPORT int shmrm_getrscgrp(char* grpname, const char* type, const char* name) {
-    Call call("_getrscgrp");
+    TracedCall call("_getrscgrp");
     unsigned char* base = region();
     if (base == nullptr) return call.fail(SHMRM_ERR_NOTINIT, "not init");
     if (name == nullptr || grpname == nullptr) return call.fail(SHMRM_ERR_PARAM, "invalid param");
@@ -197,7 +197,7 @@ SHMRM_EXPORT int shmrm_getrscgrp(char* grpname, const char* type, const char* na
 }
 
 SHMRM_EXPORT int shmrm_getrscinfo(char* grpname, char* rsctype, const char* rscname) {
-    Call call("_getrscinfo");
+    TracedCall call("_getrscinfo");
     unsigned char* base = region();
     if (base == nullptr) return call.fail(SHMRM_ERR_NOTINIT, "not init");
     if (rscname == nullptr || *rscname == '\0') return call.fail(SHMRM_ERR_PARAM, "invalid param");

@@ -9,7 +9,7 @@
 
 namespace shmrm {
 
-constinit State g;
+constinit ProcessState state;
 
 namespace {
 constexpr int kDefaultLogLevel = SHMRM_LOG_INFO;
@@ -17,42 +17,42 @@ constexpr int kDefaultLogSize = 1000000;
 }  // namespace
 
 bool load() {
-    g.init_lock.init();
-    g.log_lock.init();
-    g.started = true;
-    g.attach_count = 0;
+    state.init_lock.init();
+    state.log_lock.init();
+    state.started = true;
+    state.attach_count = 0;
     const Imports& im = imports();
     // A namespace that cannot name objects leaves the region lock unobtainable.
     if (im.VexutilLoadNamespace() == 0) {
-        g.lock_handle = nullptr;
-        g.loaded = false;
+        state.lock_handle = nullptr;
+        state.loaded = false;
         return false;
     }
-    g.lock_handle = im.VexutilCreateMutex(0, kLockName);
-    g.loaded = g.lock_handle != nullptr;
+    state.lock_handle = im.VexutilCreateMutex(0, kLockName);
+    state.loaded = state.lock_handle != nullptr;
     // A region whose holders all died is not kept for a process that may never come.
-    if (g.loaded) im.VexutilRemoveUnusedObject(kMapName);
-    return g.loaded;
+    if (state.loaded) im.VexutilRemoveUnusedObject(kMapName);
+    return state.loaded;
 }
 
 void unload() {
-    if (!g.started) return;
-    g.started = false;
+    if (!state.started) return;
+    state.started = false;
     // A view still mapped and a log still open stay as they are.
-    g.init_lock.destroy();
-    g.log_lock.destroy();
-    if (g.lock_handle == nullptr) return;
+    state.init_lock.destroy();
+    state.log_lock.destroy();
+    if (state.lock_handle == nullptr) return;
     const Imports& im = imports();
-    im.close_handle(g.lock_handle);
-    g.lock_handle = nullptr;
-    g.loaded = false;
+    im.close_handle(state.lock_handle);
+    state.lock_handle = nullptr;
+    state.loaded = false;
     im.VexutilRemoveUnusedObject(kMapName);
 }
 
 void log_open() {
-    g.init_lock.enter();
-    bool open = g.log.load(std::memory_order_acquire) != nullptr;
-    g.init_lock.leave();
+    state.init_lock.enter();
+    bool open = state.log.load(std::memory_order_acquire) != nullptr;
+    state.init_lock.leave();
     if (open) return;
 
     int level = kDefaultLogLevel;
@@ -72,23 +72,23 @@ void log_open() {
     name[sizeof name - 1] = '\0';
     vex::LogHandle handle = nullptr;
     im.loglib_open(name, &handle, level, size, 0, 0);
-    g.log.store(handle, std::memory_order_release);
-    if (handle != nullptr) g.log_level.store(level, std::memory_order_relaxed);
+    state.log.store(handle, std::memory_order_release);
+    if (handle != nullptr) state.log_level.store(level, std::memory_order_relaxed);
 }
 
 void log_close() {
-    g.log_level.store(kNoTrace, std::memory_order_relaxed);
-    g.log_lock.enter();
-    if (vex::LogHandle handle = g.log.load(std::memory_order_acquire)) {
+    state.log_level.store(kNoTrace, std::memory_order_relaxed);
+    state.log_lock.enter();
+    if (vex::LogHandle handle = state.log.load(std::memory_order_acquire)) {
         imports().loglib_close(handle);
     }
-    g.log.store(nullptr, std::memory_order_release);
-    g.log_lock.leave();
+    state.log.store(nullptr, std::memory_order_release);
+    state.log_lock.leave();
 }
 
 void trace_text(int level, const char* file, int line, const char* tag, const char* text) {
     // No lock: a handle the log is closing drops the line (a closed handle stays valid memory).
-    if (vex::LogHandle handle = g.log.load(std::memory_order_acquire)) {
+    if (vex::LogHandle handle = state.log.load(std::memory_order_acquire)) {
         imports().loglib_write(handle, level, 0, file, line, tag, text);
     }
 }

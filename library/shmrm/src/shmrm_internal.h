@@ -48,7 +48,7 @@ struct Layout {
 
 inline constexpr int kNoTrace = -1;
 
-struct State {
+struct ProcessState {
     // Set while the region is mapped in this process.
     std::atomic<unsigned char*> _prmhead{nullptr};
     std::atomic<unsigned char*> _prmgrp{nullptr};
@@ -71,7 +71,7 @@ struct State {
     vex::os::LocalLock log_lock;
 };
 
-extern constinit State g;
+extern constinit ProcessState state;
 
 // Library load and unload; the module's entry point (platform/*/entry_*.cpp) calls them.
 // load returns false when the region lock cannot be obtained.
@@ -83,7 +83,7 @@ void log_close();
 
 // One load and one compare: the hot path's whole cost of a line that is not written.
 inline bool trace_enabled(int level) {
-    return level <= g.log_level.load(std::memory_order_relaxed);
+    return level <= state.log_level.load(std::memory_order_relaxed);
 }
 
 // A line whose text is given whole: nothing is formatted.
@@ -149,14 +149,15 @@ struct SourceLocation {
 };
 
 // One export's trace: the ENTER line when constructed, then exit() or fail() on every return.
-class Call {
+class TracedCall {
   public:
-    explicit Call(const char* tag, SourceLocation at = SourceLocation::current()) : tag_(tag) {
+    explicit TracedCall(const char* tag, SourceLocation at = SourceLocation::current())
+        : tag_(tag) {
         line(SHMRM_LOG_FUNC, at, "<<< ENTER >>>");
     }
-    // A Call whose ENTER line is written later (or never).
+    // A TracedCall whose ENTER line is written later (or never).
     struct Silent {};
-    Call(const char* tag, Silent) : tag_(tag) {}
+    TracedCall(const char* tag, Silent) : tag_(tag) {}
 
     void enter(SourceLocation at = SourceLocation::current()) const {
         line(SHMRM_LOG_FUNC, at, "<<< ENTER >>>");
@@ -182,7 +183,7 @@ class Call {
 };
 
 inline unsigned char* region() {
-    return g._prmhead.load(std::memory_order_acquire);
+    return state._prmhead.load(std::memory_order_acquire);
 }
 inline rmhead* head(unsigned char* base) {
     return reinterpret_cast<rmhead*>(base);

@@ -7,8 +7,8 @@
 namespace shmrm {
 
 int Groups::positions_for(std::size_t stride) {
-    const std::size_t room = g.layout.mapped - SHMRM_HEAD_SIZE;
-    return static_cast<int>(std::min<std::size_t>(room / stride, INT_MAX));
+    const std::size_t after_header = state.layout.mapped - SHMRM_HEAD_SIZE;
+    return static_cast<int>(std::min<std::size_t>(after_header / stride, INT_MAX));
 }
 
 int find_group(const Groups& groups, const Key& name, int from) {

@@ -1,4 +1,4 @@
-// The three tables of the region as one process sees them: geometry bounded by the room this
+// The three tables of the region as one process sees them: geometry bounded by the view this
 // process mapped, the lookups, the name lists and the bounded text copies.
 #pragma once
 
@@ -117,17 +117,17 @@ inline const char* shown(const char* s) {
 // --------------------------------
 // The region is written by other processes at any moment, with or without the region lock, and a
 // damaged peer may write anything at all. So a call reads each count and capacity it uses from
-// the region once, into a local, and clamps it once: a count into [0, what the room holds], a
-// capacity to 0 or more. Every scan, move, fill and copy is then bounded by those locals and by
-// the room this process actually mapped, never by a second read of the same word: a second read
+// the region once, into a local, and clamps it once: a count into [0, what the mapped view holds],
+// a capacity to 0 or more. Every scan, move, fill and copy is then bounded by those locals and by
+// the bytes this process actually mapped, never by a second read of the same word: a second read
 // may disagree with the first, and a removal that trusted both once moved memory with a negative
 // length. The views below are where each count is read; a call keeps the view it made.
 //
-// The room is this process's own: the bytes it mapped, fixed while the region stays mapped. The
-// group table may fill all of it after the header (a region made by a process with larger
+// The mapped view is this process's own: the bytes it mapped, fixed while the region stays mapped.
+// The group table may fill all of it after the header (a region made by a process with larger
 // capacities lies wholly inside the view), the monitor table runs from this process's monitor
 // position to its end. What the records then mean is the header's business; that no access
-// leaves the room is this rule's.
+// leaves the view is this rule's.
 
 // A count read from the region, within [0, limit].
 inline int clamp_count(int n, int limit) {
@@ -135,11 +135,11 @@ inline int clamp_count(int n, int limit) {
 }
 
 // The group table as one call sees it: the header's rscmax and grpcnt, each read once; positions
-// are the whole records of the resulting stride that fit the room.
+// are the whole records of the resulting stride that fit the mapped view.
 struct Groups {
     unsigned char* first = nullptr;
     std::size_t stride = 0;
-    int positions = 0;  // whole records that fit the room
+    int positions = 0;  // whole records that fit the mapped view
     int rscmax = 0;     // header's rscmax, at least 0
     int count = 0;      // header's grpcnt as read
     int used = 0;       // count within [0, positions]
@@ -151,7 +151,8 @@ struct Groups {
         const int r = load(h->rscmax);
         t.rscmax = r < 0 ? 0 : r;
         t.stride = static_cast<std::size_t>(group_stride(t.rscmax));
-        t.positions = r == g.layout.rscmax ? g.layout.group_positions : positions_for(t.stride);
+        t.positions =
+            r == state.layout.rscmax ? state.layout.group_positions : positions_for(t.stride);
         t.count = load(h->grpcnt);
         t.used = clamp_count(t.count, t.positions);
         return t;
@@ -164,12 +165,12 @@ struct Groups {
     // Slots in use in a group: its rsccnt, read once per visit, within the header's rscmax.
     int slots_used(rmgrp* grp) const { return clamp_count(load(grp->rsccnt), rscmax); }
 
-    // Whole records of `stride` bytes in the room after the header.
+    // Whole records of `stride` bytes in the mapped view after the header.
     static int positions_for(std::size_t stride);
 };
 
 // The monitor table as one call sees it: moncnt read once; positions are the whole records
-// between this process's monitor table and the end of the room.
+// between this process's monitor table and the end of the mapped view.
 struct Monitors {
     rmmon* first = nullptr;
     int positions = 0;
@@ -178,8 +179,8 @@ struct Monitors {
 
     static Monitors of(unsigned char* base) {
         Monitors t;
-        t.first = reinterpret_cast<rmmon*>(g._prmmon.load(std::memory_order_relaxed));
-        t.positions = g.layout.monitor_positions;
+        t.first = reinterpret_cast<rmmon*>(state._prmmon.load(std::memory_order_relaxed));
+        t.positions = state.layout.monitor_positions;
         t.count = load(head(base)->moncnt);
         t.used = clamp_count(t.count, t.positions);
         return t;
