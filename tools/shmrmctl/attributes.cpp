@@ -1,11 +1,13 @@
 #include "attributes.h"
 
 #include <fmt/format.h>
+#include <fmt/ranges.h>
 
 #include <array>
-#include <cerrno>
-#include <cstdlib>
+#include <cctype>
+#include <charconv>
 #include <cstring>
+#include <limits>
 #include <tuple>
 #include <type_traits>
 
@@ -16,9 +18,6 @@
 namespace shmrmctl {
 
 namespace {
-
-constexpr long long kInt32Low = -2147483648LL;
-constexpr long long kUInt32High = 4294967295LL;  // stored bit for bit
 
 // An export called with the keys its record uses, told apart by their count: none (the header),
 // the group, the type and name (a monitor), or group, type and name (a resource); then `rest`.
@@ -63,19 +62,44 @@ int word_get(Kind, const Keys& k, std::string& value) {
     value = std::to_string(v);
     return rc;
 }
+// The C type of a word's setter as the schema spells it, for messages.
+template <typename T>
+constexpr const char* type_name() {
+    if constexpr (std::is_same_v<T, int>)
+        return "an int";
+    else if constexpr (std::is_same_v<T, unsigned int>)
+        return "an unsigned int";
+    else if constexpr (std::is_same_v<T, short>)
+        return "a short";
+    else if constexpr (std::is_same_v<T, unsigned short>)
+        return "an unsigned short";
+    else
+        static_assert(sizeof(T) == 0, "a word's setter takes an int, a short or their unsigned");
+}
+
+// `text` as an integer of type T, or `error` saying why not.
+template <typename T>
+bool integer_of(const std::string& text, T& out, std::string& error) {
+    constexpr long long low = std::numeric_limits<T>::min(), high = std::numeric_limits<T>::max();
+    long long v = 0;
+    if (!parse_integer(text, std::numeric_limits<long long>::min(),
+                       std::numeric_limits<long long>::max(), v)) {
+        error = fmt::format("'{}' is not a number (write it in decimal, or in hex after 0x)", text);
+        return false;
+    }
+    if (v < low || v > high) {
+        error = fmt::format("{} is out of range: {} is {} to {}", text, type_name<T>(), low, high);
+        return false;
+    }
+    out = static_cast<T>(v);
+    return true;
+}
+
 template <auto F>
 int word_set(Kind, const Keys& k, const std::string& value, std::string& error) {
-    using T = Last<F>;
-    static_assert(sizeof(T) == 4 || sizeof(T) == 2, "a 32-bit or 16-bit word");
-    constexpr bool wide = sizeof(T) == 4, is_unsigned = std::is_unsigned_v<T>;
-    constexpr long long low = wide ? kInt32Low : is_unsigned ? 0 : -32768;
-    constexpr long long high = wide ? kUInt32High : 0xffff;
-    const char* what = wide          ? "a 32-bit integer"
-                       : is_unsigned ? "a 16-bit unsigned integer"
-                                     : "a 16-bit integer";
-    long long v = 0;
-    if (!parse_integer(value, low, high, v)) return bad(error, value, what);
-    return with_keys<F>(k, static_cast<T>(v));
+    Last<F> v = 0;
+    if (!integer_of(value, v, error)) return 0;
+    return with_keys<F>(k, v);
 }
 
 // sv: a text of up to 255 characters.
@@ -131,15 +155,7 @@ int descript_get(Kind kind, const Keys& k, std::string& value) {
     return rc;
 }
 template <auto F>
-int descript_set(Kind kind, const Keys& k, const std::string& value, std::string& error) {
-    if (kind == Kind::kResource && k.any_group) {
-        error = "a resource's descript needs its group name, not '*'";
-        return 0;
-    }
-    if (k.any_type) {
-        error = "descript needs the record's type, not '*'";
-        return 0;
-    }
+int descript_set(Kind kind, const Keys& k, const std::string& value, std::string&) {
     // The text with its NUL, so a monitor's raw copy ends the text too.
     const std::size_t n = std::min<std::size_t>(value.size() + 1, SHMRM_TEXT_LEN);
     return F(descript_group(kind, k), k.typ(), k.nam(), value.c_str(), static_cast<int>(n));
@@ -169,20 +185,24 @@ int maxvalue_get(Kind, const Keys&, std::string& value) {
 }
 template <auto F>
 int maxvalue_set(Kind, const Keys&, const std::string& value, std::string& error) {
-    std::array<long long, 3> v{};
     const auto c1 = value.find(','), c2 = value.rfind(',');
-    if (c1 == std::string::npos || c1 == c2 ||
-        !parse_integer(value.substr(0, c1), kInt32Low, INT32_MAX, v[0]) ||
-        !parse_integer(value.substr(c1 + 1, c2 - c1 - 1), kInt32Low, INT32_MAX, v[1]) ||
-        !parse_integer(value.substr(c2 + 1), kInt32Low, INT32_MAX, v[2])) {
-        return bad(error, value, "GRPMAX,RSCMAX,MONMAX");
+    if (c1 == std::string::npos || c1 == c2) {
+        error = fmt::format("'{}' is not GRPMAX,RSCMAX,MONMAX", value);
+        return 0;
     }
-    return F(static_cast<int>(v[0]), static_cast<int>(v[1]), static_cast<int>(v[2]));
+    std::array<int, 3> v{};
+    if (!integer_of(value.substr(0, c1), v[0], error) ||
+        !integer_of(value.substr(c1 + 1, c2 - c1 - 1), v[1], error) ||
+        !integer_of(value.substr(c2 + 1), v[2], error)) {
+        return 0;
+    }
+    return F(v[0], v[1], v[2]);
 }
 
 struct Attribute {
     Kind kind;
     const char* name;
+    std::string_view shape;
     Get get;
     const char* get_name;
     Set set;
@@ -194,6 +214,7 @@ struct Attribute {
 #define SHMRMCTL_ROW(kind, name, shape, getter, setter) \
     {kind,                                              \
      #name,                                             \
+     #shape,                                            \
      shape##_get<shmrm_##getter>,                       \
      "shmrm_" #getter,                                  \
      shape##_set<shmrm_##setter>,                       \
@@ -217,6 +238,11 @@ const Attribute kAttributes[] = {
 #undef SHMRMCTL_RESOURCE
 #undef SHMRMCTL_MONITOR
 
+const char* kind_name(Kind kind) {
+    static constexpr const char* kNames[] = {"the header", "a group", "a resource", "a monitor"};
+    return kNames[static_cast<int>(kind)];
+}
+
 const Attribute* find(Kind kind, std::string_view name) {
     for (const Attribute& a : kAttributes) {
         if (a.kind == kind && name == a.name) return &a;
@@ -224,11 +250,50 @@ const Attribute* find(Kind kind, std::string_view name) {
     return nullptr;
 }
 
+Outcome refused(std::string error, Exit exit) {
+    Outcome o;
+    o.error = std::move(error);
+    o.exit = exit;
+    return o;
+}
+
 Outcome unknown(Kind kind, std::string_view name) {
-    std::string known;
-    for (const auto& n : attribute_names(kind))
-        known += (known.empty() ? "" : ", ") + n;
-    return {0, {}, {}, fmt::format("unknown attribute '{}' (known: {})", name, known)};
+    return refused(fmt::format("{} has no attribute '{}' (it has: {})", kind_name(kind), name,
+                               fmt::join(attribute_names(kind), ", ")),
+                   kExitUsage);
+}
+
+// Whether the record the keys name is there (the keys name one record: no '*').
+bool exists(Kind kind, const Keys& k) {
+    int stat = 0;
+    switch (kind) {
+        case Kind::kHeader:
+            return true;
+        case Kind::kGroup:
+            return shmrm_getgrpstat(k.group.c_str(), &stat) == SHMRM_OK;
+        case Kind::kResource:
+            return shmrm_getrscstat(k.grp(), k.typ(), k.nam(), &stat) == SHMRM_OK;
+        case Kind::kMonitor:
+            return shmrm_getmonstat(k.typ(), k.nam(), &stat) == SHMRM_OK;
+    }
+    return false;
+}
+
+// The outcome of an export that ran, explained when it failed. `doing` says what the command
+// did to the record ("setting stat of"), for results other than a record not found.
+Outcome& explain(Outcome& o, Kind kind, const Keys& k, const std::string& doing) {
+    if (o.rc == SHMRM_OK) return o;
+    o.exit = result_exit(o.rc);
+    o.hint = result_hint(o.rc);
+    if (o.rc == SHMRM_ERR_NOTFOUND) {
+        // A resource in a group that is not there: the group is what is missing.
+        o.error = kind == Kind::kResource && !k.any_group && !exists(Kind::kGroup, k)
+                      ? fmt::format("no group '{}'", k.group)
+                      : "no " + describe(kind, k);
+    } else {
+        o.error = fmt::format("{} {}: {}", doing, describe(kind, k), result_meaning(o.rc));
+    }
+    return o;
 }
 
 }  // namespace
@@ -285,14 +350,66 @@ Keys make_keys(Kind kind, const std::vector<std::string>& keys) {
     return k;
 }
 
-bool parse_integer(const std::string& text, long long low, long long high, long long& out) {
-    if (text.empty() || text.find_first_of(" \t\n") != std::string::npos) return false;
-    errno = 0;
-    char* end = nullptr;
-    const long long v = std::strtoll(text.c_str(), &end, 0);
-    if (errno != 0 || end == nullptr || *end != '\0' || v < low || v > high) return false;
+bool parse_integer(std::string_view text, long long low, long long high, long long& out) {
+    const bool negative = text.starts_with('-');
+    if (negative) text.remove_prefix(1);
+    int base = 10;
+    if (text.starts_with("0x") || text.starts_with("0X")) {
+        text.remove_prefix(2);
+        base = 16;
+    }
+    // from_chars alone would take a second sign, and base 16 on its own takes no prefix.
+    if (text.empty() || !std::isxdigit(static_cast<unsigned char>(text.front()))) return false;
+    unsigned long long magnitude = 0;
+    const auto [end, ec] = std::from_chars(text.data(), text.data() + text.size(), magnitude, base);
+    if (ec != std::errc() || end != text.data() + text.size()) return false;
+    constexpr auto kMax = static_cast<unsigned long long>(std::numeric_limits<long long>::max());
+    if (magnitude > kMax + (negative ? 1 : 0)) return false;
+    const long long v =
+        negative ? static_cast<long long>(0ULL - magnitude) : static_cast<long long>(magnitude);
+    if (v < low || v > high) return false;
     out = v;
     return true;
+}
+
+std::size_t utf8_head(std::string_view text, std::size_t max) {
+    if (text.size() <= max) return text.size();
+    std::size_t n = max;
+    // text[n] is the first byte left out: while it continues a character, that character would
+    // be split.
+    while (n > 0 && (static_cast<unsigned char>(text[n]) & 0xC0) == 0x80)
+        --n;
+    return n;
+}
+
+bool fit_text(std::string& text, std::size_t max, std::string_view what, const WritePolicy& policy,
+              std::vector<std::string>& warnings, std::string& error) {
+    if (text.size() <= max) return true;
+    if (!policy.truncate) {
+        error = fmt::format("the {} is {} bytes long; at most {} fit (--truncate cuts it)", what,
+                            text.size(), max);
+        return false;
+    }
+    const std::size_t keep = utf8_head(text, max);
+    warnings.push_back(fmt::format("the {} is cut from {} to {} bytes", what, text.size(), keep));
+    text.resize(keep);
+    return true;
+}
+
+std::string describe(Kind kind, const Keys& k) {
+    switch (kind) {
+        case Kind::kHeader:
+            return "the header";
+        case Kind::kGroup:
+            return fmt::format("group '{}'", k.group);
+        case Kind::kResource:
+            return fmt::format(
+                "resource '{}/{}' in {}", k.type, k.name,
+                k.any_group ? std::string("any group") : fmt::format("group '{}'", k.group));
+        case Kind::kMonitor:
+            return fmt::format("monitor '{}/{}'", k.type, k.name);
+    }
+    return {};
 }
 
 std::vector<std::string> attribute_names(Kind kind) {
@@ -310,54 +427,91 @@ Outcome get_attribute(Kind kind, const Keys& k, std::string_view name) {
     o.call = a->get_name;
     o.rc = a->get(kind, k, o.value);
     if (o.rc != SHMRM_OK) o.value.clear();
-    return o;
+    return explain(o, kind, k, fmt::format("reading {} of", name));
 }
 
-Outcome set_attribute(Kind kind, const Keys& k, std::string_view name, const std::string& value) {
+Outcome set_attribute(Kind kind, const Keys& k, std::string_view name, const std::string& value,
+                      const WritePolicy& policy) {
     const Attribute* a = find(kind, name);
     if (a == nullptr) return unknown(kind, name);
+    if (a->shape == "descript" && (k.any_type || (kind == Kind::kResource && k.any_group))) {
+        return refused(fmt::format("descript needs the {}'s group and type, not '*'",
+                                   kind == Kind::kResource ? "resource" : "monitor"),
+                       kExitUsage);
+    }
     Outcome o;
-    o.rc = a->set(kind, k, value, o.error);
-    if (o.error.empty()) o.call = a->set_name;
-    return o;
+    std::string text = value;
+    if (a->shape == "text" || a->shape == "descript") {
+        if (!fit_text(text, SHMRM_TEXT_LEN - 1, fmt::format("{} text", name), policy, o.warnings,
+                      o.error)) {
+            o.exit = kExitBadValue;
+            return o;
+        }
+    }
+    o.rc = a->set(kind, k, text, o.error);
+    if (!o.error.empty()) {
+        o.error = fmt::format("{} of {}: {}", name, describe(kind, k), o.error);
+        o.exit = kExitBadValue;
+        return o;
+    }
+    o.call = a->set_name;
+    return explain(o, kind, k, fmt::format("setting {} of", name));
 }
 
-Outcome add_record(Kind kind, const Keys& k) {
+Outcome add_record(Kind kind, const Keys& k, const WritePolicy& policy) {
+    if (kind == Kind::kHeader) return refused("the header is no record to add", kExitUsage);
+    if (k.any_group || k.any_type) {
+        return refused(fmt::format("a new {} needs its {}, not '*'", describe(kind, k),
+                                   kind == Kind::kResource ? "group and type" : "type"),
+                       kExitUsage);
+    }
+    // What the library accepts but an operator most likely did not mean.
     Outcome o;
+    const std::pair<const std::string*, const char*> keys[] = {
+        {&k.group, "group name"}, {&k.type, "type"}, {&k.name, "name"}};
+    for (const auto& [key, what] : keys) {
+        const bool used =
+            kind == Kind::kGroup ? key == &k.group : kind == Kind::kResource || key != &k.group;
+        if (used && key->empty()) {
+            o.warnings.push_back(
+                fmt::format("adding {} with an empty {}", describe(kind, k), what));
+        }
+    }
+    if (exists(kind, k)) {
+        o.warnings.push_back(fmt::format(
+            "{} exists already; this adds another of the same name, which lookups never reach",
+            describe(kind, k)));
+    }
+    if (policy.strict && !o.warnings.empty()) {
+        o.error = o.warnings.front() + " (refused under --strict)";
+        o.warnings.clear();
+        o.exit = kExitBadValue;
+        return o;
+    }
     switch (kind) {
         case Kind::kHeader:
-            o.error = "the header is no record to add";
             break;
         case Kind::kGroup:
             o.call = "shmrm_addgrp";
             o.rc = shmrm_addgrp(k.group.c_str());
             break;
         case Kind::kResource:
-            if (k.any_group || k.any_type) {
-                o.error = "a new resource needs its group and type, not '*'";
-                break;
-            }
             o.call = "shmrm_addrsc";
             o.rc = shmrm_addrsc(k.grp(), k.typ(), k.nam());
             break;
         case Kind::kMonitor:
-            if (k.any_type) {
-                o.error = "a new monitor needs its type, not '*'";
-                break;
-            }
             o.call = "shmrm_addmon";
             o.rc = shmrm_addmon(k.typ(), k.nam());
             break;
     }
-    return o;
+    return explain(o, kind, k, "adding");
 }
 
 Outcome remove_record(Kind kind, const Keys& k) {
     Outcome o;
     switch (kind) {
         case Kind::kHeader:
-            o.error = "the header is no record to remove";
-            break;
+            return refused("the header is no record to remove", kExitUsage);
         case Kind::kGroup:
             o.call = "shmrm_rmgrp";
             o.rc = shmrm_rmgrp(k.group.c_str());
@@ -371,7 +525,7 @@ Outcome remove_record(Kind kind, const Keys& k) {
             o.rc = shmrm_rmmon(k.typ(), k.nam());
             break;
     }
-    return o;
+    return explain(o, kind, k, "removing");
 }
 
 }  // namespace shmrmctl

@@ -131,7 +131,7 @@ int worker(int index, double seconds, unsigned int timeout_ms) {
     if (attached.rc() != SHMRM_OK) {
         std::fprintf(stderr, "shmrmctl worker %d: %s\n", index,
                      Failure{"shmrm_attach", attached.rc()}.message().c_str());
-        return 1;
+        return Failure{"shmrm_attach", attached.rc()}.exit();
     }
     const auto start = std::chrono::steady_clock::now();
     for (int step = 0; !sys::stop_requested(); ++step) {
@@ -213,7 +213,7 @@ int demo(const DemoOptions& options, char** argv) {
         if (options.once || !sys::interactive()) {
             for (int i = 1; i <= 3 && sys::pause_for(1.0); ++i) {
                 std::printf("\n=== snapshot %d ===\n", i);
-                if (!print_status(options.timeout_ms, false)) status = 1;
+                if (print_status(options.timeout_ms, false) != kExitOk) status = 1;
                 std::fflush(stdout);
             }
         } else {

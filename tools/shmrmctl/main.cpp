@@ -1,12 +1,21 @@
 // shmrmctl: inspect and drive a node's status region from the command line.
 #include <fmt/format.h>
+#include <fmt/ranges.h>
 #include <CLI/CLI.hpp>
 
+#include <algorithm>
+#include <cerrno>
+#include <charconv>
 #include <cstdio>
 #include <cstdlib>
+#include <filesystem>
 #include <fstream>
+#include <iostream>
+#include <limits>
+#include <string_view>
 
 #include "attributes.h"
+#include "config.h"
 #include "region.h"
 #include "render.h"
 #include "snapshot.h"
@@ -19,8 +28,12 @@ namespace {
 using namespace shmrmctl;
 
 int fail(const std::string& message) {
-    std::fprintf(stderr, "shmrmctl: %s\n", message.c_str());
-    return 1;
+    return report(message, kExitFailure);
+}
+
+void warn(const std::vector<std::string>& warnings) {
+    for (const auto& w : warnings)
+        std::fprintf(stderr, "shmrmctl: warning: %s\n", w.c_str());
 }
 
 void print_snapshot(const Snapshot& s, bool json) {
@@ -50,18 +63,32 @@ std::optional<DumpFile> load_dump(const std::string& path) {
     return dump;
 }
 
-int dump_command(const std::string& path, unsigned int timeout_ms) {
+// The dump file to `path`, or to standard output for "-". An existing file is kept unless
+// `force`.
+int dump_command(const std::string& path, bool force, unsigned int timeout_ms) {
+    const bool to_stdout = path == "-";
+    std::error_code error;
+    if (!to_stdout && !force && std::filesystem::exists(path, error)) {
+        return report(fmt::format("{} exists; not overwritten", path), kExitFailure,
+                      "--force overwrites it; 'dump -' writes to standard output");
+    }
     Bytes bytes;
     Failure failure;
-    if (!take_region_bytes(timeout_ms, bytes, failure)) return fail(failure.message());
+    if (!take_region_bytes(timeout_ms, bytes, failure)) return report(failure);
     const Bytes file = encode_dump(bytes, header_caps(bytes));
+    if (to_stdout) {
+        // Checked with every other write to standard output as the program ends.
+        std::fwrite(file.data(), 1, file.size(), stdout);
+        return kExitOk;
+    }
     std::ofstream out(path, std::ios::binary | std::ios::trunc);
+    if (!out) return fail(fmt::format("cannot write {}: {}", path, sys::error_text(errno)));
     out.write(reinterpret_cast<const char*>(file.data()),
               static_cast<std::streamsize>(file.size()));
     out.close();
     if (!out) return fail(fmt::format("cannot write {}", path));
     std::printf("%zu bytes of region written to %s\n", bytes.size(), path.c_str());
-    return 0;
+    return kExitOk;
 }
 
 int decode_command(const std::string& path, bool json) {
@@ -80,7 +107,7 @@ int check_command(const std::string& path, unsigned int timeout_ms) {
     if (path.empty()) {
         Bytes bytes;
         Failure failure;
-        if (!take_region_bytes(timeout_ms, bytes, failure)) return fail(failure.message());
+        if (!take_region_bytes(timeout_ms, bytes, failure)) return report(failure);
         violations = check(bytes, std::nullopt, sys::view_page());
     } else {
         auto dump = load_dump(path);
@@ -97,41 +124,55 @@ int check_command(const std::string& path, unsigned int timeout_ms) {
 
 // Runs one export (chosen by `run`) attached and under the write or read lock, and reports it.
 template <typename Run>
-int under_lock(RegionLock::Mode mode, unsigned int timeout_ms, Run run) {
+int under_lock(RegionLock::Mode mode, unsigned int timeout_ms,
+               const std::vector<std::string>& key_warnings, Run run) {
+    if (auto problem = configuration_problem()) return report(*problem, kExitBadConfig);
     Attachment attached;
-    if (attached.rc() != SHMRM_OK) return fail(Failure{"shmrm_attach", attached.rc()}.message());
+    if (attached.rc() != SHMRM_OK) return report(Failure{"shmrm_attach", attached.rc()});
     Outcome o;
     {
         RegionLock lock(mode, timeout_ms);
         const char* lock_call = mode == RegionLock::Mode::kWrite ? "shmrm_rwlock" : "shmrm_rolock";
-        if (lock.rc() != SHMRM_OK) return fail(Failure{lock_call, lock.rc()}.message());
+        if (lock.rc() != SHMRM_OK) return report(Failure{lock_call, lock.rc()});
         o = run();
     }
-    if (!o.error.empty()) return fail(o.error);
-    if (o.rc != SHMRM_OK) return fail(fmt::format("{}: {}", o.call, result_name(o.rc)));
+    warn(key_warnings);
+    warn(o.warnings);
+    if (!o.error.empty()) return report(o.error, o.exit, o.hint);
     if (!o.value.empty() || mode == RegionLock::Mode::kRead) std::printf("%s\n", o.value.c_str());
-    return 0;
+    return kExitOk;
 }
 
-// KIND KEYS... [ATTR [VALUE]]: checks the count of words for the kind.
-bool split_record(const std::vector<std::string>& words, std::size_t extra, Kind& kind, Keys& keys,
-                  std::string& error) {
+// KIND KEYS... [ATTR [VALUE]]: checks the count of words for the kind, and the length of the
+// names (cut under --truncate, with a warning).
+int split_record(const std::vector<std::string>& words, std::size_t extra,
+                 const WritePolicy& policy, Kind& kind, Keys& keys,
+                 std::vector<std::string>& warnings) {
     if (words.empty() || !parse_kind(words[0], kind)) {
-        error = "the first word must be header, group, resource or monitor";
-        return false;
+        return report(fmt::format("'{}' is no kind of record", words.empty() ? "" : words[0]),
+                      kExitUsage, "the first word is header, group, resource or monitor");
     }
     const std::size_t want = 1 + key_count(kind) + extra;
     if (words.size() != want) {
         static constexpr const char* shapes[] = {"header", "group GROUP",
                                                  "resource GROUP TYPE NAME", "monitor TYPE NAME"};
-        error = fmt::format("expected {}{}", shapes[static_cast<int>(kind)],
-                            extra == 0 ? "" : (extra == 1 ? " ATTR" : " ATTR VALUE"));
-        return false;
+        return report(fmt::format("expected {}{}", shapes[static_cast<int>(kind)],
+                                  extra == 0 ? "" : (extra == 1 ? " ATTR" : " ATTR VALUE")),
+                      kExitUsage);
     }
-    keys = make_keys(
-        kind, std::vector<std::string>(words.begin() + 1,
-                                       words.begin() + 1 + static_cast<long>(key_count(kind))));
-    return true;
+    std::vector<std::string> names(words.begin() + 1,
+                                   words.begin() + 1 + static_cast<long>(key_count(kind)));
+    static constexpr const char* what[4][3] = {
+        {}, {"group name"}, {"group name", "type", "name"}, {"type", "name"}};
+    for (std::size_t i = 0; i < names.size(); ++i) {
+        std::string error;
+        if (!fit_text(names[i], SHMRM_NAME_LEN - 1, what[static_cast<int>(kind)][i], policy,
+                      warnings, error)) {
+            return report(fmt::format("'{}': {}", words[1 + i], error), kExitBadValue);
+        }
+    }
+    keys = make_keys(kind, names);
+    return kExitOk;
 }
 
 std::string attribute_help() {
@@ -148,21 +189,83 @@ std::string attribute_help() {
     return out;
 }
 
-}  // namespace
+// A validator of an option's number in our words: "'abc' is not a number", "'0.01' is outside
+// 0.05 to 3600 seconds". Whole numbers only when `whole`.
+CLI::Validator within(double low, double high, const char* unit, bool whole = false) {
+    const std::string range = fmt::format("{} to {} {}", low, high, unit);
+    return CLI::Validator(
+        [=](std::string& text) -> std::string {
+            double v = 0;
+            long long n = 0;
+            const auto [end, ec] = std::from_chars(text.data(), text.data() + text.size(), v);
+            const bool number = whole ? parse_integer(text, std::numeric_limits<long long>::min(),
+                                                      std::numeric_limits<long long>::max(), n)
+                                      : ec == std::errc() && end == text.data() + text.size();
+            if (!number)
+                return fmt::format("'{}' is not {}", text, whole ? "a whole number" : "a number");
+            if (whole) v = static_cast<double>(n);
+            if (v < low || v > high) return fmt::format("'{}' is outside {}", text, range);
+            return {};
+        },
+        range);
+}
 
-int main(int argc, char** argv) {
-    CLI::App app{"shmrmctl: inspect and drive the node status region"};
+// The first word of the command line that is no option nor an option's value: the command.
+std::string command_word(int argc, char** argv) {
+    for (int i = 1; i < argc; ++i) {
+        const std::string_view a = argv[i];
+        if ((a == "--install" || a == "--timeout") && i + 1 < argc) {
+            ++i;
+        } else if (!a.starts_with("-")) {
+            return std::string(a);
+        }
+    }
+    return {};
+}
+
+// The command of that name; null when there is none.
+CLI::App* find_command(CLI::App& app, const std::string& name) {
+    const auto found = app.get_subcommands([&](CLI::App* a) { return a->get_name() == name; });
+    return found.empty() ? nullptr : found.front();
+}
+
+std::string command_list(CLI::App& app) {
+    std::vector<std::string> names;
+    for (const CLI::App* sub :
+         app.get_subcommands([](CLI::App* a) { return !a->get_group().empty(); }))
+        names.push_back(sub->get_name());
+    return fmt::format("{}", fmt::join(names, ", "));
+}
+
+int run(int argc, char** argv) {
+    CLI::App app{"shmrmctl: inspect and drive the node status region", "shmrmctl"};
     app.require_subcommand(1);
     app.fallthrough();
+    app.set_version_flag("--version", std::string("shmrmctl ") + SHMRMCTL_VERSION);
+    app.footer(exit_code_help());
     std::string install;
     unsigned int timeout_ms = 5000;
+    WritePolicy policy;
     app.add_option("--install", install,
-                   "Install directory (etc/vex.xml); default VEX_INSTALL_PATH");
+                   "Install directory (etc/vex.xml); default VEX_INSTALL_PATH, else " +
+                       std::string(SHMRMCTL_DEFAULT_INSTALL_PATH));
     app.add_option("--timeout", timeout_ms, "Region lock timeout in milliseconds")
-        ->capture_default_str();
+        ->capture_default_str()
+        ->check(within(0, 4294967295.0, "milliseconds", true));
+    app.add_flag("--truncate", policy.truncate,
+                 "Cut names over 31 bytes and texts over 255 bytes (at a character boundary) "
+                 "instead of refusing them");
+    app.add_flag("--strict", policy.strict,
+                 "Refuse what is otherwise only warned about: an empty name, a duplicate");
 
-    auto* hold_cmd =
-        app.add_subcommand("hold", "Create the region and keep it until stopped (Ctrl-C, SIGTERM)");
+    std::string help_topic;
+    auto* help_cmd = app.add_subcommand("help", "Show the help of shmrmctl or of one command");
+    help_cmd->add_option("COMMAND", help_topic, "The command to explain");
+
+    auto* hold_cmd = app.add_subcommand(
+        "hold",
+        "Create the region and keep it until stopped (Ctrl-C, SIGTERM); refuses when "
+        "one exists");
 
     bool json = false;
     auto* status_cmd = app.add_subcommand("status", "Print a consistent snapshot of the region");
@@ -172,11 +275,14 @@ int main(int argc, char** argv) {
     auto* watch_cmd = app.add_subcommand("watch", "The status view, refreshed in place (q quits)");
     watch_cmd->add_option("--interval", watch_options.interval_s, "Seconds between refreshes")
         ->capture_default_str()
-        ->check(CLI::Range(0.05, 3600.0));
+        ->check(within(0.05, 3600.0, "seconds"));
 
     std::string file;
-    auto* dump_cmd = app.add_subcommand("dump", "Write the region's bytes to a dump file");
-    dump_cmd->add_option("FILE", file, "Dump file to write")->required();
+    bool force = false;
+    auto* dump_cmd = app.add_subcommand(
+        "dump", "Write the region's bytes to a dump file ('-': standard output)");
+    dump_cmd->add_option("FILE", file, "Dump file to write; '-' for standard output")->required();
+    dump_cmd->add_flag("--force", force, "Overwrite FILE when it exists");
 
     auto* decode_cmd = app.add_subcommand("decode", "Print a dump file as status would");
     decode_cmd->add_option("FILE", file, "Dump file to read")->required();
@@ -208,10 +314,10 @@ int main(int argc, char** argv) {
     demo_cmd->add_flag("--once", demo_options.once, "Print a few snapshots instead of the view");
     demo_cmd->add_option("--seconds", demo_options.seconds, "How long the live view runs")
         ->capture_default_str()
-        ->check(CLI::Range(1.0, 86400.0));
+        ->check(within(1.0, 86400.0, "seconds"));
     demo_cmd->add_option("--workers", demo_options.workers, "Worker processes")
         ->capture_default_str()
-        ->check(CLI::Range(1, 16));
+        ->check(within(1, 16, "workers", true));
     demo_cmd->add_option("--example", demo_options.example_dir,
                          "Install directory to copy (default: the bundled example)");
     demo_cmd->add_option("--namespace", demo_options.ipc_namespace,
@@ -224,18 +330,58 @@ int main(int argc, char** argv) {
     worker_cmd->add_option("--index", worker_index)->check(CLI::Range(0, 1000));
     worker_cmd->add_option("--seconds", worker_seconds)->check(CLI::Range(0.0, 86400.0));
 
-    CLI11_PARSE(app, argc, argv);
+    // An unknown command, or none, before CLI11 could call it "a subcommand is required".
+    const std::string command = command_word(argc, argv);
+    const bool asks_help = std::any_of(argv + 1, argv + argc, [](const char* a) {
+        return std::string_view(a) == "--help" || std::string_view(a) == "-h" ||
+               std::string_view(a) == "--version";
+    });
+    if (!asks_help) {
+        if (command.empty()) {
+            return report(
+                "no command given", kExitUsage,
+                fmt::format("one of: {}; 'shmrmctl help' explains them", command_list(app)));
+        }
+        if (find_command(app, command) == nullptr) {
+            return report(fmt::format("unknown command '{}'", command), kExitUsage,
+                          fmt::format("the commands are {}; 'shmrmctl help' explains them",
+                                      command_list(app)));
+        }
+    }
+    try {
+        app.parse(argc, argv);
+    } catch (const CLI::Success& e) {  // --help, --version
+        return app.exit(e);
+    } catch (const CLI::ParseError& e) {
+        return report(e.what(), kExitUsage, "'shmrmctl help COMMAND' shows a command's options");
+    }
     shmrmctl::sys::init_output();
     if (!install.empty()) shmrmctl::sys::set_env("VEX_INSTALL_PATH", install);
 
     try {
-        if (*hold_cmd) return hold();
-        if (*status_cmd) return print_status(timeout_ms, json) ? 0 : 1;
+        if (*help_cmd) {
+            if (help_topic.empty()) {
+                std::printf("%s", app.help().c_str());
+                return kExitOk;
+            }
+            CLI::App* topic = find_command(app, help_topic);
+            if (topic == nullptr || topic->get_group().empty()) {
+                return report(fmt::format("unknown command '{}'", help_topic), kExitUsage,
+                              fmt::format("the commands are {}", command_list(app)));
+            }
+            std::printf("%s", topic->help("shmrmctl").c_str());
+            return kExitOk;
+        }
+        if (*hold_cmd) {
+            if (auto problem = configuration_problem()) return report(*problem, kExitBadConfig);
+            return hold();
+        }
+        if (*status_cmd) return print_status(timeout_ms, json);
         if (*watch_cmd) {
             watch_options.timeout_ms = timeout_ms;
             return watch(watch_options);
         }
-        if (*dump_cmd) return dump_command(file, timeout_ms);
+        if (*dump_cmd) return dump_command(file, force, timeout_ms);
         if (*decode_cmd) return decode_command(file, json);
         if (*check_cmd) return check_command(file, timeout_ms);
         if (*demo_cmd) {
@@ -246,27 +392,45 @@ int main(int argc, char** argv) {
 
         Kind kind{};
         Keys keys;
-        std::string error;
+        std::vector<std::string> warnings;
         if (*add_cmd || *remove_cmd) {
-            if (!split_record(words, 0, kind, keys, error)) return fail(error);
+            if (int bad = split_record(words, 0, policy, kind, keys, warnings)) return bad;
             const bool adding = add_cmd->parsed();
-            return under_lock(RegionLock::Mode::kWrite, timeout_ms, [&] {
-                return adding ? add_record(kind, keys) : remove_record(kind, keys);
+            return under_lock(RegionLock::Mode::kWrite, timeout_ms, warnings, [&] {
+                return adding ? add_record(kind, keys, policy) : remove_record(kind, keys);
             });
         }
         if (*get_cmd) {
-            if (!split_record(words, 1, kind, keys, error)) return fail(error);
-            return under_lock(RegionLock::Mode::kRead, timeout_ms,
+            if (int bad = split_record(words, 1, policy, kind, keys, warnings)) return bad;
+            return under_lock(RegionLock::Mode::kRead, timeout_ms, warnings,
                               [&] { return get_attribute(kind, keys, words.back()); });
         }
         if (*set_cmd) {
-            if (!split_record(words, 2, kind, keys, error)) return fail(error);
-            return under_lock(RegionLock::Mode::kWrite, timeout_ms, [&] {
-                return set_attribute(kind, keys, words[words.size() - 2], words.back());
+            if (int bad = split_record(words, 2, policy, kind, keys, warnings)) return bad;
+            return under_lock(RegionLock::Mode::kWrite, timeout_ms, warnings, [&] {
+                return set_attribute(kind, keys, words[words.size() - 2], words.back(), policy);
             });
         }
     } catch (const std::exception& e) {
         return fail(e.what());
     }
-    return 1;
+    return kExitFailure;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    const int code = run(argc, argv);
+    // What could not be written (a full disk, a closed pipe) fails the command, however well the
+    // rest went.
+    // Line by line, standard output may have failed long before: errno still tells why.
+    std::cout.flush();
+    const bool flushed = std::fflush(stdout) == 0;
+    const int error = errno;
+    if (!flushed || std::ferror(stdout) != 0 || !std::cout) {
+        std::fprintf(stderr, "shmrmctl: writing standard output: %s\n",
+                     error != 0 ? shmrmctl::sys::error_text(error).c_str() : "write error");
+        return code == 0 ? 1 : code;
+    }
+    return code;
 }

@@ -15,8 +15,25 @@ struct Failure {
     std::string call;
     int rc = 0;
     bool system = false;
+    // What went wrong, in an operator's words: the region's or the lock's object name in its
+    // namespace and the system's error text rather than the export and its code.
     std::string message() const;
+    std::string hint() const;  // what to do about it; may be empty
+    Exit exit() const;
 };
+
+// Prints "shmrmctl: <message>" and, when there is one, "shmrmctl: hint: <hint>" on standard
+// error, and returns `code`.
+int report(const std::string& message, Exit code, const std::string& hint = {});
+int report(const Failure& failure);
+
+// The full name of one of the library's named objects, with this process's namespace prefix
+// ("node1.oru_vexshmrm_lock").
+std::string object_name(const char* base);
+inline constexpr const char* kLockObject = "oru_vexshmrm_lock";
+inline constexpr const char* kMappingObject = "oru_vexshmrm_map";
+// Whether a region exists in this namespace now.
+bool region_exists();
 
 // Attached for as long as it lives (when attaching succeeded).
 class Attachment {

@@ -108,6 +108,13 @@ class Console {
 // mapping's start to the next multiple of it. 1 where a view covers the mapping exactly.
 std::size_t view_page();
 
+// ---- Error texts
+// The C library's text of an errno value ("Permission denied").
+std::string error_text(int errno_value);
+// The text of an error number the platform layer reports (vex::os::last_error): an errno value
+// here, a system error code on Windows.
+std::string system_error_text(unsigned error);
+
 // ---- Clock and process
 std::tm local_now();  // the local time, broken down
 // The tick count the library stamps progress with (milliseconds since boot, 32 bits).

@@ -173,3 +173,15 @@ std::uint32_t tick_now() {
 }
 
 }  // namespace shmrmctl::sys
+
+namespace shmrmctl::sys {
+
+std::string error_text(int errno_value) {
+    return std::strerror(errno_value);
+}
+
+std::string system_error_text(unsigned error) {
+    return std::strerror(static_cast<int>(error));
+}
+
+}  // namespace shmrmctl::sys

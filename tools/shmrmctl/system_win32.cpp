@@ -12,7 +12,9 @@
 
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <ctime>
+#include <system_error>
 
 #include "system.h"
 
@@ -201,6 +203,21 @@ std::tm local_now() {
 
 std::uint32_t tick_now() {
     return GetTickCount();
+}
+
+}  // namespace shmrmctl::sys
+
+namespace shmrmctl::sys {
+
+std::string error_text(int errno_value) {
+    return std::strerror(errno_value);
+}
+
+std::string system_error_text(unsigned error) {
+    std::string text = std::system_category().message(static_cast<int>(error));
+    while (!text.empty() && (text.back() == '\n' || text.back() == '\r' || text.back() == '.'))
+        text.pop_back();
+    return text;
 }
 
 }  // namespace shmrmctl::sys

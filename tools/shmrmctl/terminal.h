@@ -12,8 +12,9 @@ struct WatchOptions {
     double run_for_s = 0;  // 0: until q or Ctrl-C
 };
 
-// Creates the region and keeps it until a stop request (sys::install_stop_handlers); prints "ready
-// <size>" once it holds it. Returns the exit status.
+// Creates the region and keeps it until a stop request (sys::install_stop_handlers); prints
+// "ready: region of <size> bytes" once it holds it. Refuses when a region exists in the
+// namespace already. Returns the exit status.
 int hold();
 
 // The status view, redrawn in place; returns the exit status. Needs a terminal.
@@ -33,8 +34,8 @@ int demo(const DemoOptions& options, char** argv);
 // elapse.
 int worker(int index, double seconds, unsigned int timeout_ms);
 
-// Prints a status snapshot as tables; returns false (message on stderr) when the region cannot
-// be read.
-bool print_status(unsigned int timeout_ms, bool json);
+// Prints a status snapshot as tables; returns the exit status (with a message on standard
+// error when the region cannot be read).
+int print_status(unsigned int timeout_ms, bool json);
 
 }  // namespace shmrmctl

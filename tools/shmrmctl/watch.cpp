@@ -52,17 +52,14 @@ std::string frame(const std::vector<Table>& now, const std::vector<Table>& befor
 
 }  // namespace
 
-bool print_status(unsigned int timeout_ms, bool json) {
+int print_status(unsigned int timeout_ms, bool json) {
     Bytes bytes;
     Failure failure;
-    if (!take_region_bytes(timeout_ms, bytes, failure)) {
-        std::fprintf(stderr, "shmrmctl: %s\n", failure.message().c_str());
-        return false;
-    }
+    if (!take_region_bytes(timeout_ms, bytes, failure)) return report(failure);
     const Snapshot s = decode(bytes, std::nullopt, sys::view_page());
     if (json) {
         std::printf("%s\n", json_text(s).c_str());
-        return true;
+        return kExitOk;
     }
     ViewOptions options;
     options.now_tick = sys::tick_now();
@@ -73,26 +70,30 @@ bool print_status(unsigned int timeout_ms, bool json) {
         for (const auto& line : format_table(t))
             std::printf("%s\n", line.c_str());
     }
-    return true;
+    return kExitOk;
 }
 
 int hold() {
+    // Creating where a region exists would only join it, and leave the node to whichever holder
+    // stays longest.
+    if (region_exists()) {
+        return report(fmt::format("a region '{}' exists already; this hold would only join it",
+                                  object_name(kMappingObject)),
+                      kExitFailure,
+                      "one holder per namespace: stop the other one first, or set "
+                      "VEX_IPC_NAMESPACE for a node of its own");
+    }
     sys::install_stop_handlers();
     const int rc = shmrm_create();
-    if (rc != SHMRM_OK) {
-        std::fprintf(stderr, "shmrmctl: %s\n", Failure{"shmrm_create", rc}.message().c_str());
-        return 1;
-    }
+    if (rc != SHMRM_OK) return report(Failure{"shmrm_create", rc});
     int size = 0;
     shmrm_dump(nullptr, &size);
-    std::printf("ready %d\n", size);
+    // The first word stays "ready" for scripts that wait for it.
+    std::printf("ready: region of %d bytes\n", size);
     std::fflush(stdout);
     sys::wait_for_stop();
     const int released = shmrm_delete();
-    if (released != SHMRM_OK) {
-        std::fprintf(stderr, "shmrmctl: %s\n", Failure{"shmrm_delete", released}.message().c_str());
-        return 1;
-    }
+    if (released != SHMRM_OK) return report(Failure{"shmrm_delete", released});
     std::printf("released\n");
     return 0;
 }
