@@ -361,7 +361,10 @@ int run(int argc, char** argv) {
     try {
         if (*help_cmd) {
             if (help_topic.empty()) {
-                std::printf("%s", app.help().c_str());
+                // app.help() would show the help command's own, which was parsed.
+                std::printf("%s", app.get_formatter()
+                                      ->make_help(&app, "shmrmctl", CLI::AppFormatMode::Normal)
+                                      .c_str());
                 return kExitOk;
             }
             CLI::App* topic = find_command(app, help_topic);
