@@ -323,7 +323,7 @@ TEST_F(ShmrmctlCli, DumpWritesStandardOutputOnDashAndKeepsExistingFiles) {
 TEST(ShmrmctlCliAlone, ConfigurationProblemsNameThePathAndTheReason) {
     vextest::Sandbox sandbox;
     const std::string dir = sandbox.path();
-    const std::string xml = dir + "/etc/vex.xml";
+    const std::string xml = (std::filesystem::path(dir) / "etc" / "vex.xml").string();
     struct Case {
         std::string name;
         std::string install;  // VEX_INSTALL_PATH

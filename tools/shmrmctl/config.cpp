@@ -52,18 +52,19 @@ std::optional<std::string> configuration_problem() {
         set != nullptr && *set != '\0' ? "" : " (the default; set VEX_INSTALL_PATH or --install)";
     std::error_code error;
     const fs::file_status dir_status = fs::status(dir, error);
-    if (!fs::exists(dir_status)) {
-        return fmt::format("install directory {}{}: {}", dir, where,
-                           error && error != std::errc::no_such_file_or_directory
-                               ? error.message()
-                               : "does not exist");
+    if (dir_status.type() == fs::file_type::not_found) {
+        return fmt::format("install directory {}{}: does not exist", dir, where);
     }
+    if (error) return fmt::format("install directory {}{}: {}", dir, where, error.message());
     if (!fs::is_directory(dir_status)) {
         return fmt::format("install directory {}{}: not a directory", dir, where);
     }
     const std::string file = (fs::path(dir) / "etc" / "vex.xml").string();
     const fs::file_status file_status = fs::status(file, error);
-    if (!fs::exists(file_status)) return fmt::format("configuration {}: does not exist", file);
+    if (file_status.type() == fs::file_type::not_found) {
+        return fmt::format("configuration {}: does not exist", file);
+    }
+    if (error) return fmt::format("configuration {}: {}", file, error.message());
     if (!fs::is_regular_file(file_status)) {
         return fmt::format("configuration {}: not a regular file", file);
     }
