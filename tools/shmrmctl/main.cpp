@@ -238,6 +238,8 @@ std::string command_list(CLI::App& app) {
 }
 
 int run(int argc, char** argv) {
+    // Before anything is printed: the help and the version too end their lines with "\n" alone.
+    shmrmctl::sys::init_output();
     CLI::App app{"shmrmctl: inspect and drive the node status region", "shmrmctl"};
     app.require_subcommand(1);
     app.fallthrough();
@@ -355,7 +357,6 @@ int run(int argc, char** argv) {
     } catch (const CLI::ParseError& e) {
         return report(e.what(), kExitUsage, "'shmrmctl help COMMAND' shows a command's options");
     }
-    shmrmctl::sys::init_output();
     if (!install.empty()) shmrmctl::sys::set_env("VEX_INSTALL_PATH", install);
 
     try {
