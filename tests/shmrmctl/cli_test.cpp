@@ -2,6 +2,7 @@
 // rather than store wrongly, and the files and streams it writes.
 #include <gtest/gtest.h>
 
+#include <cerrno>
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
@@ -367,6 +368,26 @@ TEST_F(ShmrmctlCli, ASecondHoldIsRefusedAndLeavesTheRegion) {
 }
 
 #if !defined(_WIN32)
+// A region lock that cannot be opened is named with its namespace and the system's reason, by the
+// library when it loads and by the tool.
+TEST(ShmrmctlCliAlone, AnUnobtainableLockIsNamedWithItsReason) {
+    vextest::Sandbox sandbox;
+    const std::string other = ipc_namespace() + "x";  // this process holds its own lock
+    const std::string lock = other + ".oru_vexshmrm_lock";
+    const std::filesystem::path in_shm = "/dev/shm/" + lock;
+    std::filesystem::create_directory(in_shm);  // where the lock's object belongs
+    const Result r = shmrmctl({"status"}, {"VEX_IPC_NAMESPACE=" + other});
+    std::filesystem::remove(in_shm);
+    EXPECT_EQ(r.status, 3) << r.err;
+    // The system's reason in words, whatever the object layer makes of a directory there.
+    const std::string reason = std::strerror(EINVAL);
+    EXPECT_TRUE(contains(r.err, "vexshmrm: the region lock \"" + lock +
+                                    "\" cannot be obtained: " + reason + " (error 22)"))
+        << r.err;
+    EXPECT_TRUE(contains(r.err, "the region lock '" + lock + "' cannot be obtained: " + reason))
+        << r.err;
+}
+
 // Output that cannot be written fails the command.
 TEST_F(ShmrmctlCli, AFullDeviceFailsTheCommand) {
     for (const char* command : {"status", "status --json", "--help", "dump -"}) {
