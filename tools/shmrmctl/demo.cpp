@@ -167,6 +167,9 @@ int demo(const DemoOptions& options, char** argv) {
             nullptr);
         return rc == 0 && left != 0 ? 1 : rc;
     }
+    // From here a hangup, a broken pipe or a stop request ends the demo in order: its children
+    // stopped, its directory removed (the children also follow this process should it die).
+    sys::install_stop_handlers();
     const std::string example = find_example_dir(options.example_dir);
     if (example.empty()) {
         std::fprintf(stderr, "shmrmctl: no example install directory (etc/vex.xml) found%s\n",
@@ -187,7 +190,6 @@ int demo(const DemoOptions& options, char** argv) {
         return 1;
     }
     sys::set_env("VEX_INSTALL_PATH", tmp);
-    sys::install_stop_handlers();
     std::printf("namespace %s\ninstall %s\n", ns.c_str(), tmp.c_str());
     std::fflush(stdout);
 

@@ -12,7 +12,6 @@ namespace shmrmctl {
 
 namespace {
 
-constexpr const char* kMappingName = "oru_vexshmrm_map";
 constexpr unsigned kAllAccess = 0xF001F;
 constexpr const char* kOpening = "opening the region";
 constexpr const char* kMapping = "mapping the region";
