@@ -1,14 +1,24 @@
 #!/usr/bin/env bash
-# Installs the Debian packages the build and the tests need, when any is missing, and makes the
-# pugixml source package reachable for the Windows cross build (apt-get source needs a deb-src
-# entry: one is added beside the machine's own sources, mirroring them).
+# Installs the Debian packages a profile needs, when any is missing:
+#   scripts/deps.sh          everything the build and the tests need (the default), and makes the
+#                            pugixml source package reachable for the Windows cross build (apt-get
+#                            source needs a deb-src entry: one is added beside the machine's own
+#                            sources, mirroring them);
+#   scripts/deps.sh demo     only what building the library and shmrmctl takes (scripts/demo.sh).
 set -euo pipefail
 
-packages=(cmake make g++ binutils pkg-config libpugixml-dev googletest libgtest-dev libgmock-dev
-          libbenchmark-dev clang-format libcli11-dev nlohmann-json3-dev libfmt-dev tmux python3-matplotlib gcovr
-          doxygen
-          g++-mingw-w64-x86-64-posix binutils-mingw-w64-x86-64 wine wine64
-          clang libclang-rt-14-dev)
+demo_packages=(cmake make g++ binutils pkg-config libpugixml-dev libcli11-dev nlohmann-json3-dev
+               libfmt-dev)
+profile=${1:-all}
+case $profile in
+  demo) packages=("${demo_packages[@]}") ;;
+  all)
+    packages=("${demo_packages[@]}" googletest libgtest-dev libgmock-dev libbenchmark-dev
+              clang-format tmux python3-matplotlib gcovr doxygen scdoc man-db zsh systemd
+              g++-mingw-w64-x86-64-posix binutils-mingw-w64-x86-64 wine wine64
+              clang libclang-rt-14-dev) ;;
+  *) echo "usage: $0 [all|demo]" >&2; exit 2 ;;
+esac
 
 sudo=""
 if [ "$(id -u)" -ne 0 ]; then sudo="sudo"; fi
@@ -22,7 +32,7 @@ update() {
 }
 
 src_list=/etc/apt/sources.list.d/vexshmrm-src.sources
-if [ ! -e "$src_list" ] && [ -e /etc/apt/sources.list.d/debian.sources ] &&
+if [ "$profile" = all ] && [ ! -e "$src_list" ] && [ -e /etc/apt/sources.list.d/debian.sources ] &&
    ! grep -rqs '^Types:.*deb-src\|^deb-src' /etc/apt/sources.list /etc/apt/sources.list.d/; then
   echo "adding deb-src entries: $src_list"
   sed 's/^Types:.*/Types: deb-src/' /etc/apt/sources.list.d/debian.sources |

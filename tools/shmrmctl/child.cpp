@@ -14,6 +14,7 @@ Child::Child(const std::vector<std::string>& args, bool capture_stdout) {
     vex::process::Options options;
     if (capture_stdout) options.out = vex::process::Stream::pipe;
     options.own_group = true;
+    options.env = parent_env();
     process_ = Process::start_self(args, options);
     if (process_.started()) stop_ = open_stop_request(process_);
 }
@@ -78,7 +79,9 @@ int run_again_with(const std::string& name, const std::string& value, char** arg
     for (char** a = argv + 1; *a != nullptr; ++a)
         args.emplace_back(*a);
     args.insert(args.end(), more_args.begin(), more_args.end());
-    Process again = Process::start_self(args);
+    vex::process::Options options;
+    options.env = parent_env();
+    Process again = Process::start_self(args, options);
     if (!again.started()) {
         std::fprintf(stderr, "shmrmctl: cannot start %s again\n", self_path().c_str());
         return 1;

@@ -158,15 +158,25 @@ int demo(const DemoOptions& options, char** argv) {
         std::vector<std::string> named;
         if (options.ipc_namespace.empty()) named = {"--namespace", ns};
         const int rc = sys::run_again_with("VEX_IPC_NAMESPACE", ns, argv, named);
-        // Every process of the namespace has ended: none of its named objects may remain.
-        const std::size_t left = vex::os::namespace_objects(
-            ns.c_str(),
-            [](const char* name, void*) {
-                std::fprintf(stderr, "shmrmctl: the demo left a named object behind: %s\n", name);
-            },
-            nullptr);
+        // Every process of the namespace has ended, or (when the demo itself was killed) its
+        // children are ending: none of its named objects may remain once they have.
+        auto count = [&ns](bool report) {
+            return vex::os::namespace_objects(
+                ns.c_str(),
+                report ? +[](const char* name, void*) {
+                    std::fprintf(stderr, "shmrmctl: the demo left a named object behind: %s\n",
+                                 name);
+                } : +[](const char*, void*) {},
+                nullptr);
+        };
+        for (int i = 0; i < 100 && count(false) != 0; ++i)
+            vex::os::sleep_ms(50);
+        const std::size_t left = count(true);
         return rc == 0 && left != 0 ? 1 : rc;
     }
+    // From here a hangup, a broken pipe or a stop request ends the demo in order: its children
+    // stopped, its directory removed (the children also follow this process should it die).
+    sys::install_stop_handlers();
     const std::string example = find_example_dir(options.example_dir);
     if (example.empty()) {
         std::fprintf(stderr, "shmrmctl: no example install directory (etc/vex.xml) found%s\n",
@@ -187,7 +197,6 @@ int demo(const DemoOptions& options, char** argv) {
         return 1;
     }
     sys::set_env("VEX_INSTALL_PATH", tmp);
-    sys::install_stop_handlers();
     std::printf("namespace %s\ninstall %s\n", ns.c_str(), tmp.c_str());
     std::fflush(stdout);
 

@@ -15,7 +15,9 @@
 #include <string_view>
 
 #include "attributes.h"
+#include "completion.h"
 #include "config.h"
+#include "list.h"
 #include "region.h"
 #include "render.h"
 #include "snapshot.h"
@@ -240,6 +242,7 @@ std::string command_list(CLI::App& app) {
 int run(int argc, char** argv) {
     // Before anything is printed: the help and the version too end their lines with "\n" alone.
     shmrmctl::sys::init_output();
+    shmrmctl::sys::follow_parent();
     CLI::App app{"shmrmctl: inspect and drive the node status region", "shmrmctl"};
     app.require_subcommand(1);
     app.fallthrough();
@@ -325,6 +328,15 @@ int run(int argc, char** argv) {
     demo_cmd->add_option("--namespace", demo_options.ipc_namespace,
                          "IPC namespace of the demo node (default: a private one)");
 
+    auto* list_cmd = app.add_subcommand(
+        "list", "The nodes on this host: namespaces, region sizes, the processes that map them");
+    list_cmd->add_flag("--json", json, "The list as JSON");
+
+    std::string shell;
+    auto* completion_cmd = app.add_subcommand("completion", "");  // for the build's scripts
+    completion_cmd->group("");
+    completion_cmd->add_option("SHELL", shell)->required()->check(CLI::IsMember({"bash", "zsh"}));
+
     int worker_index = 0;
     double worker_seconds = 0;
     auto* worker_cmd = app.add_subcommand("worker", "");  // the demo's worker processes
@@ -391,6 +403,11 @@ int run(int argc, char** argv) {
         if (*demo_cmd) {
             demo_options.timeout_ms = timeout_ms;
             return demo(demo_options, argv);
+        }
+        if (*list_cmd) return list_command(json);
+        if (*completion_cmd) {
+            std::fputs(completion_script(app, shell).c_str(), stdout);
+            return std::fflush(stdout) == 0 && std::ferror(stdout) == 0 ? 0 : 1;
         }
         if (*worker_cmd) return worker(worker_index, worker_seconds, timeout_ms);
 

@@ -9,6 +9,11 @@
 
 namespace shmrmctl {
 
+// The names of the region's mapping and of the region lock's object, each prefixed with
+// "<namespace>." when VEX_IPC_NAMESPACE is set.
+inline constexpr const char* kMappingName = "oru_vexshmrm_map";
+inline constexpr const char* kLockObjectName = "oru_vexshmrm_lock";
+
 // A failed step: an export and its result, or (`system`) a step of the tool's own and the
 // system's error number.
 struct Failure {

@@ -19,9 +19,10 @@ namespace shmrmctl::sys {
 void init_output();
 
 // ---- Stop requests
-// From here on a stop request is recorded instead of ending the process: SIGINT and SIGTERM;
-// on Windows Ctrl-C, Ctrl-Break, closing the console, and this process's stop event, which
-// the parent that started it (Child::stop) sets.
+// From here on a stop request is recorded instead of ending the process: SIGINT, SIGTERM, SIGHUP
+// (the terminal closed) and SIGPIPE (the reader of standard output went away); on Windows Ctrl-C,
+// Ctrl-Break, closing the console, and this process's stop event, which the parent that started it
+// (Child::stop) sets.
 void install_stop_handlers();
 bool stop_requested();
 void request_stop();
@@ -31,6 +32,14 @@ bool pause_for(double seconds);
 void wait_for_stop();
 
 // ---- This program, started again
+// What a child started by this process gets in its environment so that it follows its parent:
+// follow_parent(), called first thing in main, then asks for a stop request (SIGTERM, through
+// Linux's parent-death signal) when the parent ends, however it ends, so that no child outlives
+// it; a child whose parent is already gone gets it at once.
+inline constexpr const char* kParentVariable = "SHMRMCTL_PARENT_PID";
+std::vector<std::string> parent_env();
+void follow_parent();
+
 class Child {
   public:
     // Starts this program with `args`, standard error shared, in a process group of its own

@@ -1,5 +1,8 @@
 // shmrmctl's system layer on POSIX systems: signals, termios.
 #include <poll.h>
+#if defined(__linux__)
+#include <sys/prctl.h>
+#endif
 #include <signal.h>
 #include <sys/ioctl.h>
 #include <termios.h>
@@ -8,6 +11,7 @@
 #include <cerrno>
 #include <cmath>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <ctime>
 #include <filesystem>
@@ -28,6 +32,7 @@ sigset_t stop_signals() {
     sigemptyset(&set);
     sigaddset(&set, SIGINT);
     sigaddset(&set, SIGTERM);
+    sigaddset(&set, SIGHUP);
     return set;
 }
 
@@ -56,6 +61,8 @@ void install_stop_handlers() {
     sa.sa_flags = 0;  // no restart: a blocking wait returns at once
     sigaction(SIGINT, &sa, nullptr);
     sigaction(SIGTERM, &sa, nullptr);
+    sigaction(SIGHUP, &sa, nullptr);   // the terminal closed
+    sigaction(SIGPIPE, &sa, nullptr);  // the reader of standard output went away
 }
 
 bool stop_requested() {
@@ -82,6 +89,22 @@ void wait_for_stop() {
     while (!stop_requested())
         sigsuspend(&old);
     sigprocmask(SIG_SETMASK, &old, nullptr);
+}
+
+std::vector<std::string> parent_env() {
+    return {std::string(kParentVariable) + "=" + std::to_string(getpid())};
+}
+
+void follow_parent() {
+    const char* given = std::getenv(kParentVariable);
+    if (given == nullptr) return;
+    const long parent = std::strtol(given, nullptr, 10);
+    vex::process::unset_env(kParentVariable);  // not passed on to this process's own children
+#if defined(__linux__)
+    prctl(PR_SET_PDEATHSIG, SIGTERM);
+#endif
+    // The parent may have ended before the signal was asked for (or, without one, at all).
+    if (getppid() != parent) raise(SIGTERM);
 }
 
 void* open_stop_request(const vex::process::Process&) {

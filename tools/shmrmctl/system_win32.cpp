@@ -61,6 +61,13 @@ void close_stop_request(void* stop) {
     if (stop != nullptr) CloseHandle(stop);
 }
 
+// A child's stop event reaches it while the parent runs; a console's close reaches every
+// process attached to it.
+std::vector<std::string> parent_env() {
+    return {};
+}
+void follow_parent() {}
+
 void init_output() {
     // "\n" line ends, as on every other system.
     _setmode(_fileno(stdout), _O_BINARY);
