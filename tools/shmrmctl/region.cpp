@@ -13,9 +13,11 @@ namespace shmrmctl {
 namespace {
 
 constexpr const char* kMappingName = "oru_vexshmrm_map";
+constexpr const char* kLockName = "oru_vexshmrm_lock";
 constexpr unsigned kAllAccess = 0xF001F;
 constexpr const char* kOpening = "opening the region";
 constexpr const char* kMapping = "mapping the region";
+constexpr const char* kLocking = "opening the region lock";
 
 struct CloseHandle {
     void operator()(void* handle) const { vex::os::close_handle(handle); }
@@ -66,11 +68,22 @@ bool take_region_bytes(unsigned int timeout_ms, Bytes& bytes, Failure& failure) 
     static const bool namespace_loaded = (vex::VexutilLoadNamespace(), true);
     (void)namespace_loaded;
 
-    RegionLock lock(RegionLock::Mode::kRead, timeout_ms);
-    if (lock.rc() != SHMRM_OK) {
-        failure = {"shmrm_rolock", lock.rc()};
+    // The region lock, taken directly as the library takes it: the lock exports would write
+    // their entry and exit lines into the node log on every read.
+    const std::unique_ptr<void, CloseHandle> mutex(vex::VexutilCreateMutex(0, kLockName));
+    if (!mutex) {
+        failure = system_failure(kLocking);
         return false;
     }
+    const unsigned waited = vex::os::wait_mutex(mutex.get(), timeout_ms);
+    if (waited != vex::os::kWaitObject0 && waited != vex::os::kWaitAbandoned) {
+        failure = {"shmrm_rolock", SHMRM_ERR_LOCK};
+        return false;
+    }
+    struct Release {
+        void operator()(void* m) const { vex::os::release_mutex(m); }
+    };
+    const std::unique_ptr<void, Release> held(mutex.get());
     const std::unique_ptr<void, CloseHandle> mapping(
         vex::VexutilOpenNamedFileMapping(kAllAccess, 1, kMappingName));
     if (!mapping) {

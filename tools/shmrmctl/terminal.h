@@ -33,8 +33,4 @@ int demo(const DemoOptions& options, char** argv);
 // elapse.
 int worker(int index, double seconds, unsigned int timeout_ms);
 
-// Prints a status snapshot as tables; returns false (message on stderr) when the region cannot
-// be read.
-bool print_status(unsigned int timeout_ms, bool json);
-
 }  // namespace shmrmctl
