@@ -196,6 +196,11 @@ std::vector<std::size_t> column_widths(const Table& t, const TableStyle& style) 
     std::size_t total = 2 * (n - 1);
     for (const std::size_t w : widths)
         total += w;
+    // Cutting texts helps only when it makes the lines fit; otherwise they stay whole.
+    std::size_t narrowest = 2 * (n - 1);
+    for (std::size_t c = 0; c < n; ++c)
+        narrowest += text_column(t.columns[c]) ? std::min(widths[c], kNarrowest) : widths[c];
+    if (narrowest > style.width) return widths;
     while (total > style.width) {
         std::size_t widest = n;
         for (std::size_t c = 0; c < n; ++c) {

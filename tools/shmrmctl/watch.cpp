@@ -40,6 +40,7 @@ Body body(const std::vector<Table>& now, const std::vector<Table>& before, std::
     TableStyle style;
     style.width = cols;
     style.clip = true;
+    style.truncate = cols <= 80;  // the compact columns; wider, lines are cut at the edge
     for (std::size_t t = 0; t < now.size(); ++t) {
         const Table* prev = t < before.size() && before[t].title == now[t].title &&
                                     before[t].columns == now[t].columns
