@@ -100,6 +100,9 @@ TEST_F(Output, ColumnsRawAndHeadingsFollowTheOptions) {
 
 // Texts are aligned and cut by the columns they take on the terminal, not by their bytes.
 TEST_F(Output, WidthsAreTerminalColumns) {
+#if defined(_WIN32)
+    GTEST_SKIP() << "the Windows build prints ASCII only";
+#endif
     ASSERT_EQ(shmrm_addgrp("caf\xc3\xa9\xe6\xbc\xa2"), 0);  // "café漢": 6 columns, 8 bytes
     ASSERT_EQ(shmrm_setgrpsv("web", "\xe6\x97\xa5\xe6\x9c\xac\xe8\xaa\x9e text of some length"), 0);
     const std::vector<std::string> utf8{"LC_ALL=C.UTF-8"};
