@@ -2,6 +2,7 @@
 // bytes of a live region (status, check) and as a dump file (decode, check), each decoded,
 // checked and shown as tables and JSON. It must never read past its input nor crash. The seed
 // corpus: regions left by model runs, in dump files (see fuzz/api_fuzz.cpp).
+#include "records.h"
 #include "render.h"
 #include "snapshot.h"
 
@@ -12,14 +13,22 @@ using namespace shmrmctl;
 void view(ByteView bytes, std::optional<Capacities> layout, std::size_t salt) {
     const Snapshot s = decode(bytes, layout);
     check(bytes, layout);
-    const ViewOptions options{static_cast<std::uint32_t>(salt), 1 + salt % 40};
+    const ViewOptions options{static_cast<std::uint32_t>(salt), static_cast<std::int64_t>(salt)};
+    TableStyle narrow;
+    narrow.width = salt % 120;
+    narrow.clip = salt % 2 == 0;
+    TableStyle raw;
+    raw.raw = true;
     for (const Table& t : tables(s, options)) {
         format_table(t);
+        format_table(t, raw);
         format_table(
-            t, [](std::size_t row, std::size_t column) { return (row + column) % 3 == 0; },
-            salt % 120, "\x1b[7m", "\x1b[0m");
+            compact(t), narrow,
+            [](std::size_t row, std::size_t column) { return (row + column) % 3 == 0; }, "\x1b[7m",
+            "\x1b[0m");
     }
-    json_text(s);
+    json_text(s, options);
+    diff(s, Snapshot{});
 }
 
 }  // namespace

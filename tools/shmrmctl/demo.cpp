@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "os.h"
+#include "output.h"
 #include "region.h"
 #include "system.h"
 #include "terminal.h"
@@ -222,7 +223,7 @@ int demo(const DemoOptions& options, char** argv) {
         if (options.once || !sys::interactive()) {
             for (int i = 1; i <= 3 && sys::pause_for(1.0); ++i) {
                 std::printf("\n=== snapshot %d ===\n", i);
-                if (print_status(options.timeout_ms, false) != kExitOk) status = 1;
+                if (status_command({}, options.timeout_ms) != 0) status = 1;
                 std::fflush(stdout);
             }
         } else {

@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <charconv>
+#include <clocale>
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
@@ -18,6 +19,7 @@
 #include "completion.h"
 #include "config.h"
 #include "list.h"
+#include "output.h"
 #include "region.h"
 #include "render.h"
 #include "snapshot.h"
@@ -36,20 +38,6 @@ int fail(const std::string& message) {
 void warn(const std::vector<std::string>& warnings) {
     for (const auto& w : warnings)
         std::fprintf(stderr, "shmrmctl: warning: %s\n", w.c_str());
-}
-
-void print_snapshot(const Snapshot& s, bool json) {
-    if (json) {
-        std::printf("%s\n", json_text(s).c_str());
-        return;
-    }
-    bool first = true;
-    for (const Table& t : tables(s)) {
-        if (!first) std::printf("\n");
-        first = false;
-        for (const auto& line : format_table(t))
-            std::printf("%s\n", line.c_str());
-    }
 }
 
 // A dump file's snapshot, or a message and nullopt when it is no dump at all.
@@ -93,12 +81,14 @@ int dump_command(const std::string& path, bool force, unsigned int timeout_ms) {
     return kExitOk;
 }
 
-int decode_command(const std::string& path, bool json) {
+int decode_command(const std::string& path, const StatusOptions& options) {
     auto dump = load_dump(path);
     if (!dump) return 1;
     Snapshot s = decode(dump->bytes, dump->caps, sys::view_page());
     s.damage.insert(s.damage.begin(), dump->damage.begin(), dump->damage.end());
-    print_snapshot(s, json);
+    std::string error;
+    if (!check_status_options(options, error)) return fail(error);
+    if (print_snapshot(s, {}, options) != 0) return 1;
     for (const auto& d : s.damage)
         std::fprintf(stderr, "shmrmctl: %s: %s\n", path.c_str(), d.c_str());
     return s.damage.empty() ? 0 : 1;
@@ -175,6 +165,16 @@ int split_record(const std::vector<std::string>& words, std::size_t extra,
     }
     keys = make_keys(kind, names);
     return kExitOk;
+}
+
+std::string column_help() {
+    Snapshot empty;
+    empty.has_header = true;
+    std::string out = "\nSections and their columns (for -o):\n";
+    for (const Table& t : tables(empty))
+        out += fmt::format("  {:9} {}\n", t.title, fmt::join(t.columns, ","));
+    out += "Text columns are cut to fit the terminal (COLUMNS when set); never when piped.\n";
+    return out;
 }
 
 std::string attribute_help() {
@@ -273,8 +273,20 @@ int run(int argc, char** argv) {
         "one exists");
 
     bool json = false;
+    shmrmctl::StatusOptions status_options;
     auto* status_cmd = app.add_subcommand("status", "Print a consistent snapshot of the region");
-    status_cmd->add_flag("--json", json, "The snapshot as JSON");
+    status_cmd->add_option("SECTION", status_options.section,
+                           "Only this section: region, groups, resources or monitors");
+    status_cmd->add_flag("--json", status_options.json, "The snapshot as JSON");
+    status_cmd->add_option("-o,--output", status_options.columns,
+                           "The columns to show, comma-separated (see --help of status)");
+    status_cmd->add_flag("-r,--raw", status_options.raw,
+                         "Unaligned: cells one space apart, spaces and the like as \\xHH");
+    status_cmd->add_flag("-n,--noheadings", status_options.noheadings,
+                         "No section titles or column names");
+    status_cmd->add_flag("--notruncate", status_options.notruncate,
+                         "Never cut a text to fit the terminal");
+    status_cmd->footer(column_help());
 
     shmrmctl::WatchOptions watch_options;
     auto* watch_cmd = app.add_subcommand("watch", "The status view, refreshed in place (q quits)");
@@ -293,6 +305,14 @@ int run(int argc, char** argv) {
     decode_cmd->add_option("FILE", file, "Dump file to read")->required();
     decode_cmd->add_flag("--json", json, "The snapshot as JSON");
 
+    double track_interval = 1.0;
+    auto* track_cmd = app.add_subcommand(
+        "track",
+        "Print a line for every change (a value, a record added or removed) until stopped");
+    track_cmd->add_option("--interval", track_interval, "Seconds between looks at the region")
+        ->capture_default_str()
+        ->check(CLI::Range(0.05, 3600.0));
+
     auto* check_cmd = app.add_subcommand(
         "check", "Verify the region's invariants; one line per violation, non-zero exit if any");
     check_cmd->add_option("--file", file, "Check a dump file instead of the region");
@@ -306,8 +326,10 @@ int run(int argc, char** argv) {
                                           "Remove a record (keys as for add; '*' "
                                           "matches any resource group or type)");
     remove_cmd->add_option("RECORD", words, "Kind and keys")->required();
-    auto* get_cmd = app.add_subcommand("get", "Print one attribute: KIND KEYS... ATTR");
+    auto* get_cmd = app.add_subcommand(
+        "get", "Print one attribute, or every attribute of a record: KIND KEYS... [ATTR]");
     get_cmd->add_option("ARGS", words, "Kind, keys and attribute")->required();
+    get_cmd->add_flag("--json", json, "The record (or the attribute) as JSON");
     get_cmd->footer(attribute_help());
     auto* set_cmd = app.add_subcommand("set", "Write one attribute: KIND KEYS... ATTR VALUE");
     set_cmd->add_option("ARGS", words, "Kind, keys, attribute and value")->required();
@@ -369,6 +391,7 @@ int run(int argc, char** argv) {
     } catch (const CLI::ParseError& e) {
         return report(e.what(), kExitUsage, "'shmrmctl help COMMAND' shows a command's options");
     }
+    std::setlocale(LC_CTYPE, "");  // the terminal's character set, for widths and printing
     if (!install.empty()) shmrmctl::sys::set_env("VEX_INSTALL_PATH", install);
 
     try {
@@ -392,13 +415,17 @@ int run(int argc, char** argv) {
             if (auto problem = configuration_problem()) return report(*problem, kExitBadConfig);
             return hold();
         }
-        if (*status_cmd) return print_status(timeout_ms, json);
+        if (*status_cmd) return status_command(status_options, timeout_ms);
+        if (*track_cmd) return track_command(track_interval, timeout_ms);
         if (*watch_cmd) {
             watch_options.timeout_ms = timeout_ms;
             return watch(watch_options);
         }
         if (*dump_cmd) return dump_command(file, force, timeout_ms);
-        if (*decode_cmd) return decode_command(file, json);
+        if (*decode_cmd) {
+            status_options.json = json;
+            return decode_command(file, status_options);
+        }
         if (*check_cmd) return check_command(file, timeout_ms);
         if (*demo_cmd) {
             demo_options.timeout_ms = timeout_ms;
@@ -422,9 +449,14 @@ int run(int argc, char** argv) {
             });
         }
         if (*get_cmd) {
-            if (int bad = split_record(words, 1, policy, kind, keys, warnings)) return bad;
-            return under_lock(RegionLock::Mode::kRead, timeout_ms, warnings,
-                              [&] { return get_attribute(kind, keys, words.back()); });
+            // The whole record, or one attribute: read from the region's bytes, not through the
+            // exports, which write to the node log.
+            const bool whole = parse_kind(words.empty() ? "" : words[0], kind) &&
+                               words.size() == 1 + key_count(kind);
+            if (int bad = split_record(words, whole ? 0 : 1, policy, kind, keys, warnings))
+                return bad;
+            warn(warnings);
+            return get_command(kind, keys, whole ? std::string() : words.back(), json, timeout_ms);
         }
         if (*set_cmd) {
             if (int bad = split_record(words, 2, policy, kind, keys, warnings)) return bad;

@@ -20,6 +20,7 @@ namespace {
 constexpr unsigned kAllAccess = 0xF001F;
 constexpr const char* kOpening = "opening the region";
 constexpr const char* kMapping = "mapping the region";
+constexpr const char* kLocking = "opening the region lock";
 
 struct CloseHandle {
     void operator()(void* handle) const { vex::os::close_handle(handle); }
@@ -89,6 +90,11 @@ std::string Failure::message() const {
     if (system) {
         const bool absent = call == kOpening && rc == static_cast<int>(vex::os::kErrorFileNotFound);
         if (absent) return no_region();
+        if (call == kLocking) {
+            return fmt::format("the region lock '{}' cannot be obtained: {}",
+                               object_name(kLockObject),
+                               sys::system_error_text(static_cast<unsigned>(rc)));
+        }
         return fmt::format("{} '{}': {}", call, object_name(kMappingObject),
                            sys::system_error_text(static_cast<unsigned>(rc)));
     }
@@ -114,7 +120,7 @@ std::string Failure::hint() const {
 Exit Failure::exit() const {
     if (system) {
         const bool absent = call == kOpening && rc == static_cast<int>(vex::os::kErrorFileNotFound);
-        return absent ? kExitNoRegion : kExitFailure;
+        return absent || call == kLocking ? kExitNoRegion : kExitFailure;
     }
     if (rc == SHMRM_ERR_LOCK && lock_problem()) return kExitNoRegion;
     return result_exit(rc);
@@ -148,11 +154,22 @@ RegionLock::~RegionLock() {
 
 bool take_region_bytes(unsigned int timeout_ms, Bytes& bytes, Failure& failure) {
     load_namespace();
-    RegionLock lock(RegionLock::Mode::kRead, timeout_ms);
-    if (lock.rc() != SHMRM_OK) {
-        failure = {"shmrm_rolock", lock.rc()};
+    // The region lock, taken directly as the library takes it: the lock exports would write
+    // their entry and exit lines into the node log on every read.
+    const std::unique_ptr<void, CloseHandle> mutex(vex::VexutilCreateMutex(0, kLockObject));
+    if (!mutex) {
+        failure = system_failure(kLocking);
         return false;
     }
+    const unsigned waited = vex::os::wait_mutex(mutex.get(), timeout_ms);
+    if (waited != vex::os::kWaitObject0 && waited != vex::os::kWaitAbandoned) {
+        failure = {"shmrm_rolock", SHMRM_ERR_LOCK};
+        return false;
+    }
+    struct Release {
+        void operator()(void* m) const { vex::os::release_mutex(m); }
+    };
+    const std::unique_ptr<void, Release> held(mutex.get());
     const std::unique_ptr<void, CloseHandle> mapping(
         vex::VexutilOpenNamedFileMapping(kAllAccess, 1, kMappingObject));
     if (!mapping) {

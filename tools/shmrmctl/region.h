@@ -68,9 +68,10 @@ class RegionLock {
     int rc_;
 };
 
-// Copies the whole region, as long as its mapping is, under the read lock. The region is opened
-// and mapped here, not attached: attaching would write this process's configured capacities
-// into the header. Returns false with `failure` set when any step fails.
+// Copies the whole region, as long as its mapping is, under the region lock. The region and its
+// lock are opened and mapped here, not through the exports: attaching would write this
+// process's configured capacities into the header, and every export writes to the node log. Returns
+// false with `failure` set when any step fails.
 bool take_region_bytes(unsigned int timeout_ms, Bytes& bytes, Failure& failure);
 
 }  // namespace shmrmctl

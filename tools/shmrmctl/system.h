@@ -87,12 +87,15 @@ using vex::process::set_env;
 // ---- The console
 // Standard input and output are both a terminal (a console on Windows).
 bool interactive();
+// The width lines of standard output should fit: COLUMNS when set to a number, otherwise the
+// terminal's width; 0 (no limit) when standard output is no terminal.
+std::size_t output_columns();
 
-// Key input without echo or line editing (Ctrl-C still requests a stop) and the alternate
-// screen, both restored when it goes out of scope.
+// Key input without echo or line editing (Ctrl-C still requests a stop) and, with `screen`,
+// the alternate screen; both restored when it goes out of scope.
 class Console {
   public:
-    Console();
+    explicit Console(bool screen = true);
     ~Console();
     Console(const Console&) = delete;
     Console& operator=(const Console&) = delete;
@@ -102,14 +105,15 @@ class Console {
     };
     Size size() const;
     void write(const std::string& text) const;
-    // Waits at most `timeout_ms` for keys and appends them to `keys`; false when the input has
-    // ended.
+    // Waits at most `timeout_ms` for keys and appends them to `keys` (arrow and page keys as
+    // the escape sequences of a VT100); false when the input has ended.
     bool read_keys(int timeout_ms, std::string& keys) const;
 
     struct Saved;  // the modes to restore
 
   private:
     std::unique_ptr<Saved> saved_;
+    bool screen_;
 };
 
 // ---- Views of named mappings

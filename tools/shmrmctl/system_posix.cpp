@@ -134,7 +134,19 @@ struct Console::Saved {
     bool ok = false;
 };
 
-Console::Console() : saved_(std::make_unique<Saved>()) {
+std::size_t output_columns() {
+    if (const char* columns = std::getenv("COLUMNS")) {
+        char* end = nullptr;
+        const long n = std::strtol(columns, &end, 10);
+        if (end != columns && *end == '\0' && n > 0) return static_cast<std::size_t>(n);
+    }
+    winsize ws{};
+    if (isatty(STDOUT_FILENO) != 0 && ioctl(STDOUT_FILENO, TIOCGWINSZ, &ws) == 0 && ws.ws_col > 0)
+        return ws.ws_col;
+    return 0;
+}
+
+Console::Console(bool screen) : saved_(std::make_unique<Saved>()), screen_(screen) {
     saved_->ok = tcgetattr(STDIN_FILENO, &saved_->modes) == 0;
     if (saved_->ok) {
         termios raw = saved_->modes;
@@ -143,11 +155,11 @@ Console::Console() : saved_(std::make_unique<Saved>()) {
         raw.c_cc[VTIME] = 0;
         tcsetattr(STDIN_FILENO, TCSANOW, &raw);
     }
-    write("\x1b[?1049h\x1b[?25l\x1b[H\x1b[2J");
+    if (screen_) write("\x1b[?1049h\x1b[?25l\x1b[H\x1b[2J");
 }
 
 Console::~Console() {
-    write("\x1b[0m\x1b[?25h\x1b[?1049l");
+    if (screen_) write("\x1b[0m\x1b[?25h\x1b[?1049l");
     if (saved_->ok) tcsetattr(STDIN_FILENO, TCSANOW, &saved_->modes);
 }
 

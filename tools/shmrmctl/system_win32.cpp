@@ -15,6 +15,7 @@
 #include <cstring>
 #include <ctime>
 #include <system_error>
+#include <utility>
 
 #include "system.h"
 
@@ -125,7 +126,19 @@ struct Console::Saved {
     bool in_ok = false, out_ok = false;
 };
 
-Console::Console() : saved_(std::make_unique<Saved>()) {
+std::size_t output_columns() {
+    if (const char* columns = std::getenv("COLUMNS")) {
+        char* end = nullptr;
+        const long n = std::strtol(columns, &end, 10);
+        if (end != columns && *end == '\0' && n > 0) return static_cast<std::size_t>(n);
+    }
+    CONSOLE_SCREEN_BUFFER_INFO info{};
+    if (!GetConsoleScreenBufferInfo(GetStdHandle(STD_OUTPUT_HANDLE), &info)) return 0;
+    const auto cols = info.srWindow.Right - info.srWindow.Left + 1;
+    return cols > 0 ? static_cast<std::size_t>(cols) : 0;
+}
+
+Console::Console(bool screen) : saved_(std::make_unique<Saved>()), screen_(screen) {
     Saved& s = *saved_;
     s.in = GetStdHandle(STD_INPUT_HANDLE);
     s.out = GetStdHandle(STD_OUTPUT_HANDLE);
@@ -140,11 +153,11 @@ Console::Console() : saved_(std::make_unique<Saved>()) {
         SetConsoleMode(s.out,
                        s.out_mode | ENABLE_PROCESSED_OUTPUT | ENABLE_VIRTUAL_TERMINAL_PROCESSING);
     }
-    write("\x1b[?1049h\x1b[?25l\x1b[H\x1b[2J");
+    if (screen_) write("\x1b[?1049h\x1b[?25l\x1b[H\x1b[2J");
 }
 
 Console::~Console() {
-    write("\x1b[0m\x1b[?25h\x1b[?1049l");
+    if (screen_) write("\x1b[0m\x1b[?25h\x1b[?1049l");
     if (saved_->in_ok) SetConsoleMode(saved_->in, saved_->in_mode);
     if (saved_->out_ok) SetConsoleMode(saved_->out, saved_->out_mode);
 }
@@ -188,8 +201,15 @@ bool Console::read_keys(int timeout_ms, std::string& keys) const {
     if (!ReadConsoleInputA(saved_->in, records, 32, &n)) return false;
     for (DWORD i = 0; i < n; ++i) {
         const KEY_EVENT_RECORD& key = records[i].Event.KeyEvent;
-        if (records[i].EventType == KEY_EVENT && key.bKeyDown && key.uChar.AsciiChar != 0) {
+        if (records[i].EventType != KEY_EVENT || !key.bKeyDown) continue;
+        if (key.uChar.AsciiChar != 0) {
             keys.append(key.wRepeatCount, key.uChar.AsciiChar);
+            continue;
+        }
+        static constexpr std::pair<WORD, const char*> kMoves[] = {
+            {VK_UP, "\x1b[A"}, {VK_DOWN, "\x1b[B"}, {VK_PRIOR, "\x1b[5~"}, {VK_NEXT, "\x1b[6~"}};
+        for (const auto& [code, sequence] : kMoves) {
+            if (key.wVirtualKeyCode == code) keys += sequence;
         }
     }
     return true;

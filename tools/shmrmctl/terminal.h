@@ -34,8 +34,4 @@ int demo(const DemoOptions& options, char** argv);
 // elapse.
 int worker(int index, double seconds, unsigned int timeout_ms);
 
-// Prints a status snapshot as tables; returns the exit status (with a message on standard
-// error when the region cannot be read).
-int print_status(unsigned int timeout_ms, bool json);
-
 }  // namespace shmrmctl
