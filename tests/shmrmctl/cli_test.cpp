@@ -12,33 +12,22 @@
 
 #include "support/child.h"
 #include "support/sandbox.h"
+#include "tool.h"
 #include "vexshmrm.h"
 
 namespace {
 
-using Result = vextest::RunResult;
+using vextest::contains;
+using vextest::ipc_namespace;
+using vextest::shmrmctl;
 
-Result shmrmctl(const std::vector<std::string>& args,
-                const std::vector<std::string>& extra_env = {}) {
-    std::vector<std::string> command{SHMRMCTL_EXE};
-    command.insert(command.end(), args.begin(), args.end());
-    return vextest::run(command, extra_env);
-}
+using Result = vextest::RunResult;
 
 std::string joined(const std::vector<std::string>& args) {
     std::string out;
     for (const auto& a : args)
         out += a + " ";
     return out;
-}
-
-bool contains(const std::string& text, const std::string& part) {
-    return text.find(part) != std::string::npos;
-}
-
-std::string ipc_namespace() {
-    const char* ns = std::getenv("VEX_IPC_NAMESPACE");
-    return ns != nullptr ? ns : "";
 }
 
 // A held region of 2 groups of 2 resources and 2 monitors, with group "web", its resource

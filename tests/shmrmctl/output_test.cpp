@@ -14,19 +14,16 @@
 
 #include "support/child.h"
 #include "support/sandbox.h"
+#include "tool.h"
 #include "vexshmrm.h"
 #include "vexshmrm_schema.h"
 
 namespace {
 
+using vextest::shmrmctl;
+
 using nlohmann::json;
 using Result = vextest::RunResult;
-
-Result shmrmctl(const std::vector<std::string>& args, const std::vector<std::string>& env = {}) {
-    std::vector<std::string> command{SHMRMCTL_EXE};
-    command.insert(command.end(), args.begin(), args.end());
-    return vextest::run(command, env);
-}
 
 std::vector<std::string> lines(const std::string& text) {
     std::vector<std::string> out;

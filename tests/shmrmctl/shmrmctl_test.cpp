@@ -25,20 +25,15 @@
 
 #include "support/child.h"
 #include "support/sandbox.h"
+#include "tool.h"
 #include "vexshmrm.h"
 
 namespace {
 
+using vextest::shmrmctl;
+
 using nlohmann::json;
 using Result = vextest::RunResult;
-
-// Runs shmrmctl with the test's environment (and `extra_env`); a run that hangs is killed.
-Result shmrmctl(const std::vector<std::string>& args,
-                const std::vector<std::string>& extra_env = {}) {
-    std::vector<std::string> command{SHMRMCTL_EXE};
-    command.insert(command.end(), args.begin(), args.end());
-    return vextest::run(command, extra_env);
-}
 
 using Caps = std::array<int, 3>;  // grpmax, rscmax, monmax
 
@@ -339,7 +334,9 @@ TEST_F(Shmrmctl, WritesReachTheExportsAndReportTheirResults) {
         {{"set", "group", "g", "colour", "1"}, 2, "a group has no attribute 'colour'"},
         {{"set", "group", "g", "stat", "12abc"}, 6, "'12abc' is not a number"},
         {{"set", "group", "g", "flag", "70000"}, 6, "an unsigned short is 0 to 65535"},
-        {{"get", "resource", "g", "r", "stat"}, 4, "no resource 'r/stat' in group 'g'"},  // a whole record
+        {{"get", "resource", "g", "r", "stat"},
+         4,
+         "no resource 'r/stat' in group 'g'"},  // a whole record
         {{"add", "resource", "g", "t", "r2"}, 0, ""},
         {{"add", "resource", "g", "t", "r3"}, 0, ""},
         {{"add", "resource", "g", "t", "r4"}, 8, "the group's resource slots are full"},

@@ -4,35 +4,12 @@
 # NO_COLOR. The node log does not grow while it refreshes.
 set -eu
 tool=$1
-work=$(mktemp -d)
-export VEX_IPC_NAMESPACE="shmrmctl-small-$$" VEX_INSTALL_PATH="$work/install"
-base="shmrmctl-small-$$"
-socket=$base
-holder=""
-cleanup() {
-  for s in "$base" "$base-dumb" "$base-nocolor"; do tmux -L "$s" kill-server 2>/dev/null || true; done
-  if [ -n "$holder" ]; then kill "$holder" 2>/dev/null || true; wait "$holder" || true; fi
-  rm -rf "$work"
-}
-trap cleanup EXIT
-mkdir -p "$work/install/etc"
-cat >"$work/install/etc/vex.xml" <<'XML'
-<root><all><num><group>4</group><resource>2</resource><monitor>32</monitor></num></all>
-<shmrm><log><level>16</level><size>1000000</size></log></shmrm></root>
-XML
-
-"$tool" hold >"$work/hold.out" &
-holder=$!
-wait_for() {  # wait_for DESCRIPTION COMMAND...: a few hundred polls, never a timed assertion
-  what=$1; shift
-  i=0
-  until "$@"; do
-    i=$((i + 1))
-    if [ "$i" -gt 300 ]; then echo "never saw: $what" >&2; tmux -L "$socket" capture-pane -p >&2 || true; exit 1; fi
-    sleep 0.1
-  done
-}
-wait_for "the holder" grep -q ready "$work/hold.out"
+. "$(dirname "$0")/node_lib.sh"
+node_setup shmrmctl-small
+sockets="$base $base-dumb $base-nocolor"
+write_config '<root><all><num><group>4</group><resource>2</resource><monitor>32</monitor></num></all>
+<shmrm><log><level>16</level><size>1000000</size></log></shmrm></root>'
+hold_node
 "$tool" add group small-group
 i=0
 while [ "$i" -lt 32 ]; do "$tool" add monitor ping "mon-$i"; i=$((i + 1)); done

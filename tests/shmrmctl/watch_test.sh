@@ -3,34 +3,10 @@
 # on q leaves the alternate screen and exits 0.
 set -eu
 tool=$1
-work=$(mktemp -d)
-export VEX_IPC_NAMESPACE="shmrmctl-watch-$$" VEX_INSTALL_PATH="$work/install"
-socket="shmrmctl-watch-$$"
-holder=""
-cleanup() {
-  tmux -L "$socket" kill-server 2>/dev/null || true
-  if [ -n "$holder" ]; then kill "$holder" 2>/dev/null || true; wait "$holder" || true; fi
-  rm -rf "$work"
-}
-trap cleanup EXIT
-mkdir -p "$work/install/etc"
-cat >"$work/install/etc/vex.xml" <<'XML'
-<root><all><num><group>4</group><resource>2</resource><monitor>2</monitor></num></all></root>
-XML
-
-"$tool" hold >"$work/hold.out" &
-holder=$!
-# Bounded waits: a few hundred polls, never a timed assertion.
-wait_for() {  # wait_for DESCRIPTION COMMAND...
-  what=$1; shift
-  i=0
-  until "$@"; do
-    i=$((i + 1))
-    if [ "$i" -gt 300 ]; then echo "never saw: $what" >&2; tmux -L "$socket" capture-pane -p >&2 || true; exit 1; fi
-    sleep 0.1
-  done
-}
-wait_for "the holder" grep -q ready "$work/hold.out"
+. "$(dirname "$0")/node_lib.sh"
+node_setup shmrmctl-watch
+write_config '<root><all><num><group>4</group><resource>2</resource><monitor>2</monitor></num></all></root>'
+hold_node
 "$tool" add group watched-group
 "$tool" add monitor ping watched-mon
 

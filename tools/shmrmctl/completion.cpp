@@ -68,16 +68,29 @@ std::string attributes_of(Kind kind) {
     return joined(attribute_names(kind), " ");
 }
 
-std::string bash_script(const Shape& s) {
-    std::string kinds, keys, attributes, options;
+// The case arms both shells' scripts are made of: one per record kind for its key count and its
+// attributes, one per command for its options; each arm formatted by the shell's own pattern.
+struct Arms {
+    std::string kinds, keys, attributes, options, valued;
+};
+Arms arms(const Shape& s, fmt::format_string<std::string_view, std::size_t> key,
+          fmt::format_string<std::string_view, std::string> attribute,
+          fmt::format_string<const std::string&, const std::string&> option) {
+    Arms a;
     for (const auto& [name, kind] : kKinds) {
-        kinds += (kinds.empty() ? "" : " ") + std::string(name);
-        keys += fmt::format("    {}) echo {} ;;\n", name, key_count(kind));
-        attributes += fmt::format("    {}) echo \"{}\" ;;\n", name, attributes_of(kind));
+        a.kinds += (a.kinds.empty() ? "" : " ") + std::string(name);
+        a.keys += fmt::format(key, std::string_view(name), key_count(kind));
+        a.attributes += fmt::format(attribute, std::string_view(name), attributes_of(kind));
     }
     for (const auto& [sub, names] : s.options)
-        options += fmt::format("    {}) echo \"{}\" ;;\n", sub, names);
-    const std::string valued = s.valued.empty() ? "--" : joined(s.valued, "|");
+        a.options += fmt::format(option, sub, names);
+    a.valued = s.valued.empty() ? "--" : joined(s.valued, "|");
+    return a;
+}
+
+std::string bash_script(const Shape& s) {
+    const auto [kinds, keys, attributes, options, valued] =
+        arms(s, "    {}) echo {} ;;\n", "    {}) echo \"{}\" ;;\n", "    {}) echo \"{}\" ;;\n");
     return fmt::format(R"SH(# bash completion for shmrmctl; made by `shmrmctl completion bash`.
 
 _shmrmctl_keys() {{
@@ -148,15 +161,8 @@ complete -o default -F _shmrmctl shmrmctl
 }
 
 std::string zsh_script(const Shape& s) {
-    std::string kinds, keys, attributes, options;
-    for (const auto& [name, kind] : kKinds) {
-        kinds += (kinds.empty() ? "" : " ") + std::string(name);
-        keys += fmt::format("    ({}) k={} ;;\n", name, key_count(kind));
-        attributes += fmt::format("    ({}) attrs=({}) ;;\n", name, attributes_of(kind));
-    }
-    for (const auto& [sub, names] : s.options)
-        options += fmt::format("    ({}) opts=({}) ;;\n", sub, names);
-    const std::string valued = s.valued.empty() ? "--" : joined(s.valued, "|");
+    const auto [kinds, keys, attributes, options, valued] =
+        arms(s, "    ({}) k={} ;;\n", "    ({}) attrs=({}) ;;\n", "    ({}) opts=({}) ;;\n");
     return fmt::format(R"SH(#compdef shmrmctl
 # zsh completion for shmrmctl; made by `shmrmctl completion zsh`.
 
