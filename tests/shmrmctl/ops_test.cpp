@@ -181,7 +181,8 @@ TEST_F(Ops, ListShowsAHeldRegionWithItsSizeAndTheProcessesThatMapIt) {
     holder.stop();
     const auto after = run({SHMRMCTL_EXE, "list", "--json"});
     ASSERT_EQ(after.status, 0);
-    for (const json& n : json::parse(after.out)["nodes"])
+    const json remaining = json::parse(after.out);
+    for (const json& n : remaining["nodes"])
         EXPECT_NE(n["namespace"], ns) << "a released region is still listed";
 }
 
