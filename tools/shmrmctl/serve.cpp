@@ -239,7 +239,7 @@ void watch_region(Events& events, const ServeOptions& o, std::shared_ptr<const T
     std::vector<Record> previous;
     if (first) previous = records(first->snapshot);
     bool up = first != nullptr;
-    std::shared_ptr<const Taken> latest = std::move(first);
+    events.publish(std::move(first), {});  // what a client that comes now starts from
     auto next = Clock::now();
     while (!events.stopping()) {
         next += std::chrono::duration_cast<Clock::duration>(
