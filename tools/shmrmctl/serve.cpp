@@ -402,8 +402,12 @@ int serve_command(const ServeOptions& o) {
         }
         std::string first = joined.latest ? snapshot_event(*joined.latest) : region_event(false);
         res.set_header("Cache-Control", "no-cache");
+        // Without a length and not chunked: the stream ends when the connection does. (With two
+        // streams at once, ThreadSanitizer finds a race on a global inside the library's chunked
+        // writer, cpp-httplib 0.11.4.)
+        res.set_header("Connection", "close");
         auto client = joined.client;
-        res.set_chunked_content_provider(
+        res.set_content_provider(
             "text/event-stream",
             [&events, client, first = std::move(first), last = Clock::time_point{}](
                 std::size_t, httplib::DataSink& sink) mutable {
