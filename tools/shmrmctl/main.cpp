@@ -22,6 +22,7 @@
 #include "output.h"
 #include "region.h"
 #include "render.h"
+#include "serve.h"
 #include "snapshot.h"
 #include "system.h"
 #include "terminal.h"
@@ -313,6 +314,22 @@ int run(int argc, char** argv) {
         ->capture_default_str()
         ->check(CLI::Range(0.05, 3600.0));
 
+    shmrmctl::ServeOptions serve_options;
+    auto* serve_cmd = app.add_subcommand(
+        "serve",
+        "Serve the status over HTTP (read-only): /metrics, /api/status, /api/events and a page");
+    serve_cmd
+        ->add_option("--listen", serve_options.listen,
+                     "ADDR:PORT to listen on ([ADDR]:PORT for IPv6; port 0: any free one)")
+        ->capture_default_str();
+    serve_cmd->add_option("--token-file", serve_options.token_file,
+                          "Require 'Authorization: Bearer TOKEN', TOKEN read from this file");
+    serve_cmd
+        ->add_option("--interval", serve_options.interval_s,
+                     "Seconds between the event stream's looks at the region")
+        ->capture_default_str()
+        ->check(within(0.05, 3600.0, "seconds"));
+
     auto* check_cmd = app.add_subcommand(
         "check", "Verify the region's invariants; one line per violation, non-zero exit if any");
     check_cmd->add_option("--file", file, "Check a dump file instead of the region");
@@ -417,6 +434,11 @@ int run(int argc, char** argv) {
         }
         if (*status_cmd) return status_command(status_options, timeout_ms);
         if (*track_cmd) return track_command(track_interval, timeout_ms);
+        if (*serve_cmd) {
+            // A request waits briefly for the lock: a busy node is reported, not queued behind.
+            serve_options.lock_wait_ms = std::min(timeout_ms, serve_options.lock_wait_ms);
+            return serve_command(serve_options);
+        }
         if (*watch_cmd) {
             watch_options.timeout_ms = timeout_ms;
             return watch(watch_options);

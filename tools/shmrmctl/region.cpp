@@ -2,6 +2,7 @@
 
 #include <fmt/format.h>
 
+#include <chrono>
 #include <cstdio>
 #include <memory>
 #include <optional>
@@ -152,7 +153,8 @@ RegionLock::~RegionLock() {
     }
 }
 
-bool take_region_bytes(unsigned int timeout_ms, Bytes& bytes, Failure& failure) {
+bool take_region_bytes(unsigned int timeout_ms, Bytes& bytes, Failure& failure,
+                       double* held_seconds) {
     load_namespace();
     // The region lock, taken directly as the library takes it: the lock exports would write
     // their entry and exit lines into the node log on every read.
@@ -167,9 +169,18 @@ bool take_region_bytes(unsigned int timeout_ms, Bytes& bytes, Failure& failure) 
         return false;
     }
     struct Release {
-        void operator()(void* m) const { vex::os::release_mutex(m); }
+        double* held_seconds;
+        std::chrono::steady_clock::time_point since;
+        void operator()(void* m) const {
+            if (held_seconds != nullptr) {
+                *held_seconds =
+                    std::chrono::duration<double>(std::chrono::steady_clock::now() - since).count();
+            }
+            vex::os::release_mutex(m);
+        }
     };
-    const std::unique_ptr<void, Release> held(mutex.get());
+    const std::unique_ptr<void, Release> held(
+        mutex.get(), Release{held_seconds, std::chrono::steady_clock::now()});
     const std::unique_ptr<void, CloseHandle> mapping(
         vex::VexutilOpenNamedFileMapping(kAllAccess, 1, kMappingObject));
     if (!mapping) {

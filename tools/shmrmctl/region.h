@@ -71,7 +71,9 @@ class RegionLock {
 // Copies the whole region, as long as its mapping is, under the region lock. The region and its
 // lock are opened and mapped here, not through the exports: attaching would write this
 // process's configured capacities into the header, and every export writes to the node log. Returns
-// false with `failure` set when any step fails.
-bool take_region_bytes(unsigned int timeout_ms, Bytes& bytes, Failure& failure);
+// false with `failure` set when any step fails. `held_seconds`, when given, gets how long the lock
+// was held (from taking it to releasing it).
+bool take_region_bytes(unsigned int timeout_ms, Bytes& bytes, Failure& failure,
+                       double* held_seconds = nullptr);
 
 }  // namespace shmrmctl

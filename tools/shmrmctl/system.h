@@ -26,6 +26,9 @@ void init_output();
 void install_stop_handlers();
 bool stop_requested();
 void request_stop();
+// From here on a write to a connection its peer has closed fails instead of raising SIGPIPE (which
+// would otherwise be a stop request): for a server, whose clients may go at any time.
+void ignore_broken_pipe();
 // Sleeps up to `seconds`; returns early (false) when a stop is requested.
 bool pause_for(double seconds);
 // Sleeps until a stop is requested.

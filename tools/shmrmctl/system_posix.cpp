@@ -65,6 +65,13 @@ void install_stop_handlers() {
     sigaction(SIGPIPE, &sa, nullptr);  // the reader of standard output went away
 }
 
+void ignore_broken_pipe() {
+    struct sigaction sa {};
+    sa.sa_handler = SIG_IGN;
+    sigemptyset(&sa.sa_mask);
+    sigaction(SIGPIPE, &sa, nullptr);
+}
+
 bool stop_requested() {
     return g_stop != 0;
 }

@@ -80,6 +80,8 @@ void install_stop_handlers() {
     SetConsoleCtrlHandler(on_console_event, TRUE);
 }
 
+void ignore_broken_pipe() {}  // no such signal: a send to a closed socket fails
+
 bool stop_requested() {
     return WaitForSingleObject(own_stop_event(), 0) == WAIT_OBJECT_0;
 }
