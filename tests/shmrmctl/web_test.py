@@ -41,6 +41,10 @@ class Failed(Exception):
     pass
 
 
+class Fatal(Exception):
+    """A failure that waiting longer cannot mend."""
+
+
 def free_port():
     with socket.socket() as s:
         s.bind(("127.0.0.1", 0))
@@ -109,7 +113,7 @@ class Server:
 
     def answers(self):
         if self.process.poll() is not None:
-            raise Failed(f"the server exited with {self.process.returncode}")
+            raise Fatal(f"the server exited with {self.process.returncode}")
         request = urllib.request.Request(self.url + "api/status", headers=self.headers)
         with urllib.request.urlopen(request, timeout=2) as r:
             return r.status == 200 and "json" in r.headers.get("Content-Type", "")
@@ -404,7 +408,7 @@ def main():
         check_token(browser, node, work)
         print("web: ok")
         return 0
-    except Failed as e:
+    except (Failed, Fatal) as e:
         print(f"FAILED: {e}", file=sys.stderr)
         return 1
     finally:
