@@ -219,7 +219,11 @@ def populate(node):
                               ("proc", "scheduler", [])]:
         node.run("add", "monitor", kind, name)
         for step in steps:
+            if step == "4":
+                time.sleep(1.2)  # a step that took a while
             node.run("set", "monitor", kind, name, "progress", step)
+    node.run("set", "monitor", "ping", "gateway", "stat", "2")
+    node.run("set", "monitor", "disk", "db-volume", "stat", "1")
     node.run("set", "header", "acstat", "1")
 
 
@@ -247,14 +251,18 @@ def check_first_view(browser):
     ]
     for selector, what, expected in rows:
         expect(browser, selector, what, expected, 5)
+    # (monitor, prefix, least, most seconds): the ages come from the node's stamps, and the
+    # step of db-volume took the 1.2 s populate() waited between steps 3 and 4.
     ages = [
-        ("ping/gateway", "running "),   # at step 3: since its stamp, and counting
-        ("disk/db-volume", "took "),    # at step 4: from stamp 3 to stamp 4
+        ("ping/gateway", "running ", 1.0, 60.0),  # at step 3: since its stamp, and counting
+        ("disk/db-volume", "took ", 1.1, 3.0),    # at step 4: from stamp 3 to stamp 4
     ]
-    for monitor, prefix in ages:
+    for monitor, prefix, least, most in ages:
         age = browser.text(value("monitor", monitor, "progress") + ' [data-role="age"]') or ""
-        if not age.startswith(prefix) or not age.split()[1].replace(".", "").isdigit():
-            raise Failed(f"monitor {monitor}: age {age!r}, expected {prefix}<seconds>")
+        words = age[len(prefix):].split()
+        if not age.startswith(prefix) or len(words) < 2 or words[1].rstrip(",") != "s" or \
+                not least <= float(words[0]) <= most:
+            raise Failed(f"monitor {monitor}: age {age!r}, expected {prefix}<{least} to {most}> s")
     first = browser.text(value("monitor", "ping/gateway", "progress") + ' [data-role="age"]')
     wait_for("the running age to move", lambda: browser.text(
         value("monitor", "ping/gateway", "progress") + ' [data-role="age"]') != first, 5)
@@ -314,12 +322,13 @@ def check_live_changes(browser, node):
 
 def check_phone(browser):
     """At 375 px nothing scrolls sideways, and each value is still labelled."""
+    # A phone would zoom out to fit a wider page: the widths are checked against 375 px.
     browser.size(375, 812, mobile=True)
     wait_for("the phone layout", lambda: browser.eval(
-        "document.documentElement.scrollWidth <= window.innerWidth"), 5)
+        "document.documentElement.scrollWidth <= 375 && window.innerWidth == 375"), 5)
     overflow = browser.eval(
-        "[...document.querySelectorAll('main *')].filter(e => e.getBoundingClientRect().right"
-        " > window.innerWidth + 1).map(e => e.tagName + ' ' + (e.dataset.attr || '')).slice(0,5)")
+        "[...document.querySelectorAll('body *')].filter(e => e.getBoundingClientRect().right"
+        " > 376).map(e => e.tagName + ' ' + (e.dataset.attr || '')).slice(0,5)")
     if overflow:
         raise Failed(f"wider than a 375 px phone: {overflow}")
     label = browser.eval("getComputedStyle(document.querySelector("
