@@ -263,6 +263,11 @@ def check_first_view(browser):
         if not age.startswith(prefix) or len(words) < 2 or words[1].rstrip(",") != "s" or \
                 not least <= float(words[0]) <= most:
             raise Failed(f"monitor {monitor}: age {age!r}, expected {prefix}<{least} to {most}> s")
+    # Nothing comes from anywhere but serve: a node is often offline.
+    foreign = browser.eval("[...performance.getEntriesByType('resource')].map(e => e.name)"
+                           ".filter(n => !n.startsWith(location.origin + '/'))")
+    if foreign:
+        raise Failed(f"the page loads from elsewhere: {foreign}")
     first = browser.text(value("monitor", "ping/gateway", "progress") + ' [data-role="age"]')
     wait_for("the running age to move", lambda: browser.text(
         value("monitor", "ping/gateway", "progress") + ' [data-role="age"]') != first, 5)
@@ -314,6 +319,10 @@ def check_live_changes(browser, node):
     node.run("add", "resource", "web", "disk", "web-data")
     wait_for("an added resource", lambda: browser.text(
         value("resource", "web/disk/web-data", "stat")) == "0", 8)
+    node.run("add", "monitor", "app", "short-lived")
+    wait_for("an added monitor", lambda: browser.text(row("monitor", "app/short-lived")), 8)
+    node.run("remove", "monitor", "app", "short-lived")
+    wait_for("a removed monitor to go", lambda: browser.text(row("monitor", "app/short-lived")) is None, 8)
     wait_for("the highlight to end", lambda: browser.attr(
         value("resource", "web/ip/web-vip", "stat"), "data-changed") is None, 8)
     if not same_load(browser):
@@ -355,8 +364,11 @@ def check_region_gone(browser, node):
         raise Failed("the page was reloaded")
 
 
+TOKEN = "s3cret+Tok/en="  # as base64 makes them: '+' is no space, '/' and '=' are no separators
+
+
 def check_token(browser, node, work):
-    server = Server(node, work, token="s3cret-token")
+    server = Server(node, work, token=TOKEN)
     try:
         # A browser sends no Authorization header when it opens an address: the page itself
         # (it holds no data of the node) comes without the token, everything else needs it.
@@ -374,7 +386,7 @@ def check_token(browser, node, work):
                     raise Failed(f"GET /{path} without the token: {e.code}, expected 401")
         browser.open(server.url)
         expect(browser, "#conn", "data-state", "unauthorized", 10)
-        browser.open(server.url + "#token=s3cret-token")
+        browser.open(server.url + "#token=" + TOKEN)
         wait_for("the page with the token", lambda: browser.text(value("group", "reborn", "stat")) == "0")
         wait_for("the event stream with the token", lambda: browser.attr("#conn", "data-state") == "live")
         mark_page(browser)
