@@ -16,7 +16,7 @@ case $profile in
     packages=("${demo_packages[@]}" googletest libgtest-dev libgmock-dev libbenchmark-dev
               clang-format tmux python3-matplotlib gcovr doxygen scdoc man-db zsh systemd
               g++-mingw-w64-x86-64-posix binutils-mingw-w64-x86-64 wine wine64
-              clang libclang-rt-14-dev prometheus wrk) ;;
+              clang libclang-rt-14-dev chromium python3-websocket prometheus wrk) ;;
   *) echo "usage: $0 [all|demo]" >&2; exit 2 ;;
 esac
 

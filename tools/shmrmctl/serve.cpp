@@ -356,7 +356,10 @@ int serve_command(const ServeOptions& o) {
     server.set_keep_alive_max_count(1000);
     server.set_payload_max_length(kPayloadMax);
     server.set_pre_routing_handler([&token](const httplib::Request& req, httplib::Response& res) {
-        if (token.empty()) return httplib::Server::HandlerResponse::Unhandled;
+        // The page holds no data of the node, and a browser opening it sends no header: it is
+        // served to anyone, and asks for the token (#token=...) for every data path it reads.
+        if (token.empty() || (req.method == "GET" && req.path == "/"))
+            return httplib::Server::HandlerResponse::Unhandled;
         const std::string given = req.get_header_value("Authorization");
         constexpr std::string_view kScheme = "Bearer ";
         if (given.size() > kScheme.size() && given.compare(0, kScheme.size(), kScheme) == 0 &&
