@@ -367,6 +367,8 @@ TEST(ShmrmctlCliAlone, AnUnobtainableLockIsNamedWithItsReason) {
     std::filesystem::create_directory(in_shm);  // where the lock's object belongs
     const Result r = shmrmctl({"status"}, {"VEX_IPC_NAMESPACE=" + other});
     std::filesystem::remove(in_shm);
+    // The guard of a name that something else held stays with that name: it goes with it here.
+    std::filesystem::remove(in_shm.string() + ".guard");
     EXPECT_EQ(r.status, 3) << r.err;
     // The system's reason in words, whatever the object layer makes of a directory there.
     const std::string reason = std::strerror(EINVAL);

@@ -255,22 +255,7 @@ TEST_F(Output, ReadingCommandsLeaveTheLogAlone) {
 }  // namespace
 
 int main(int argc, char** argv) {
-    // The library reads the namespace as it loads: the test runs again with one set.
-    if (std::getenv("VEX_IPC_NAMESPACE") == nullptr) {
-        const std::vector<std::string> args(argv + 1, argv + argc);
-        const std::string ns = "shmrmctlout" + vextest::process_id_text();
-#if defined(_WIN32)
-        vex::process::Options options;
-        options.env = {"VEX_IPC_NAMESPACE=" + ns};
-        vex::process::Process again = vex::process::Process::start_self(args, options);
-        const auto exit = again.wait(280000);
-        return exit && exit->exited() ? exit->code : 1;
-#else
-        vextest::set_env("VEX_IPC_NAMESPACE", ns);
-        vex::process::exec_self(args);
-        return 1;
-#endif
-    }
+    if (const auto parent = vextest::in_own_namespace(argc, argv, "shmrmctlout")) return *parent;
     testing::InitGoogleTest(&argc, argv);
     return RUN_ALL_TESTS();
 }

@@ -24,6 +24,7 @@
 #include "process/process.h"
 #include "support/child.h"
 #include "support/sandbox.h"
+#include "tool.h"
 #include "vexshmrm.h"
 
 namespace {
@@ -568,12 +569,7 @@ TEST_F(ServeTest, LoadOfAFullTable) {
 }  // namespace
 
 int main(int argc, char** argv) {
-    // The library reads the namespace as it loads: the test runs again with one set.
-    if (std::getenv("VEX_IPC_NAMESPACE") == nullptr) {
-        vextest::set_env("VEX_IPC_NAMESPACE", "shmrmctlserve" + vextest::process_id_text());
-        vex::process::exec_self(std::vector<std::string>(argv + 1, argv + argc));
-        return 1;
-    }
+    if (const auto parent = vextest::in_own_namespace(argc, argv, "shmrmctlserve")) return *parent;
     testing::InitGoogleTest(&argc, argv);
     return RUN_ALL_TESTS();
 }

@@ -513,21 +513,8 @@ int main(int argc, char** argv) {
     // Plain "\n" line ends, as the test runner reading the output expects.
     _setmode(_fileno(stdout), _O_BINARY);
     _setmode(_fileno(stderr), _O_BINARY);
-    if (std::getenv("VEX_IPC_NAMESPACE") == nullptr) {
-        const std::vector<std::string> args(argv + 1, argv + argc);
-        vex::process::Options options;
-        options.env = {"VEX_IPC_NAMESPACE=shmrmctltest" + vextest::process_id_text()};
-        vex::process::Process again = vex::process::Process::start_self(args, options);
-        const auto exit = again.wait(280000);
-        return exit && exit->exited() ? exit->code : 1;
-    }
-#else
-    if (std::getenv("VEX_IPC_NAMESPACE") == nullptr) {
-        vextest::set_env("VEX_IPC_NAMESPACE", "shmrmctltest" + vextest::process_id_text());
-        vex::process::exec_self(std::vector<std::string>(argv + 1, argv + argc));
-        return 1;
-    }
 #endif
+    if (const auto parent = vextest::in_own_namespace(argc, argv, "shmrmctltest")) return *parent;
     testing::InitGoogleTest(&argc, argv);
     return RUN_ALL_TESTS();
 }
