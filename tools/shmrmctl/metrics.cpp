@@ -256,14 +256,14 @@ std::string metrics_text(const Snapshot* s, MetricsFormat format, const ScrapeFa
     e.family("vexshmrm_monitor_progress_step", "The progress step a monitor last reported.");
     for (const Monitor* m : u.monitors)
         e.sample("vexshmrm_monitor_progress_step", monitor_labels(*m), m->progress);
-    e.family("vexshmrm_monitor_progress_stamp_milliseconds",
-             "The tick count (milliseconds since boot, 32 bits) when a monitor reached step 3 "
-             "or 4.");
+    e.family("vexshmrm_monitor_progress_stamp_seconds",
+             "The node's tick (seconds since boot, counted in milliseconds in 32 bits, so it "
+             "wraps after 49.7 days) when a monitor reached step 3 or 4.");
     for (const Monitor* m : u.monitors) {
         for (const auto& [step, tick] : {std::pair{"3", m->tick3}, std::pair{"4", m->tick4}}) {
             Labels labels = monitor_labels(*m);
             labels.emplace_back("step", step);
-            e.sample("vexshmrm_monitor_progress_stamp_milliseconds", labels, tick);
+            e.sample("vexshmrm_monitor_progress_stamp_seconds", labels, tick / 1000.0);
         }
     }
     return e.finish();
