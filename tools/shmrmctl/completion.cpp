@@ -88,10 +88,20 @@ Arms arms(const Shape& s, fmt::format_string<std::string_view, std::size_t> key,
     return a;
 }
 
+// A shell's script with the command line's and the schema's words put in its named places.
+std::string fill(std::string_view script, const Shape& s, const Arms& a) {
+    return fmt::format(fmt::runtime(script), fmt::arg("keys", a.keys),
+                       fmt::arg("attributes", a.attributes), fmt::arg("options", a.options),
+                       fmt::arg("valued", a.valued),
+                       fmt::arg("subcommands", joined(s.subcommands, " ")),
+                       fmt::arg("global", s.global_options), fmt::arg("kinds", a.kinds),
+                       fmt::arg("records", kRecordKinds), fmt::arg("sections", kSections));
+}
+
 std::string bash_script(const Shape& s) {
-    const auto [kinds, keys, attributes, options, valued] =
+    const Arms a =
         arms(s, "    {}) echo {} ;;\n", "    {}) echo \"{}\" ;;\n", "    {}) echo \"{}\" ;;\n");
-    return fmt::format(R"SH(# bash completion for shmrmctl; made by `shmrmctl completion bash`.
+    return fill(R"SH(# bash completion for shmrmctl; made by `shmrmctl completion bash`.
 
 _shmrmctl_keys() {{
   case $1 in
@@ -153,17 +163,13 @@ _shmrmctl() {{
 
 complete -o default -F _shmrmctl shmrmctl
 )SH",
-                       fmt::arg("keys", keys), fmt::arg("attributes", attributes),
-                       fmt::arg("options", options), fmt::arg("valued", valued),
-                       fmt::arg("subcommands", joined(s.subcommands, " ")),
-                       fmt::arg("global", s.global_options), fmt::arg("kinds", kinds),
-                       fmt::arg("records", kRecordKinds), fmt::arg("sections", kSections));
+                s, a);
 }
 
 std::string zsh_script(const Shape& s) {
-    const auto [kinds, keys, attributes, options, valued] =
+    const Arms a =
         arms(s, "    ({}) k={} ;;\n", "    ({}) attrs=({}) ;;\n", "    ({}) opts=({}) ;;\n");
-    return fmt::format(R"SH(#compdef shmrmctl
+    return fill(R"SH(#compdef shmrmctl
 # zsh completion for shmrmctl; made by `shmrmctl completion zsh`.
 
 _shmrmctl() {{
@@ -215,11 +221,7 @@ _shmrmctl() {{
 
 _shmrmctl "$@"
 )SH",
-                       fmt::arg("keys", keys), fmt::arg("attributes", attributes),
-                       fmt::arg("options", options), fmt::arg("valued", valued),
-                       fmt::arg("subcommands", joined(s.subcommands, " ")),
-                       fmt::arg("global", s.global_options), fmt::arg("kinds", kinds),
-                       fmt::arg("records", kRecordKinds), fmt::arg("sections", kSections));
+                s, a);
 }
 
 }  // namespace

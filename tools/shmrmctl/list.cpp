@@ -129,18 +129,10 @@ std::string time_text(std::time_t t) {
     return buf;
 }
 
-std::string utc_text(std::time_t t) {
-    std::tm tm{};
-    gmtime_r(&t, &tm);
-    char buf[32];
-    std::strftime(buf, sizeof buf, "%Y-%m-%dT%H:%M:%SZ", &tm);
-    return buf;
-}
-
 nlohmann::ordered_json object_json(const std::optional<Object>& o) {
     if (!o) return nullptr;
     return {
-        {"name", o->name}, {"size", o->size}, {"created", utc_text(o->created)}, {"pids", o->pids}};
+        {"name", o->name}, {"size", o->size}, {"created", rfc3339(o->created)}, {"pids", o->pids}};
 }
 
 }  // namespace
